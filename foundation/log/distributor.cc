@@ -1,0 +1,24 @@
+#include "foundation/log/distributor.h"
+
+#include <algorithm>
+
+namespace Korvix::Log {
+
+Distributor logger;
+
+void Distributor::connect(Channel& channel) {
+  std::lock_guard<std::mutex> lock(mutex);
+  channels.push_back(&channel);
+}
+
+void Distributor::disconnect(Channel& channel) {
+  std::lock_guard<std::mutex> lock(mutex);
+  channels.erase(std::remove(channels.begin(), channels.end(), &channel), channels.end());
+}
+
+void Distributor::log(Message& message) {
+  std::lock_guard<std::mutex> lock(mutex);
+  for (Channel* channel : channels) channel->log(message);
+}
+
+}  // namespace Korvix::Log

@@ -1,0 +1,48 @@
+#ifndef VELDRIN_INDEX2_INDEX_WRITER_H
+#define VELDRIN_INDEX2_INDEX_WRITER_H
+
+#include <cstdint>
+#include <fstream>
+#include <list>
+#include <string>
+
+#include "foundation/channel/stream_writer.h"
+#include "index2/block.h"
+#include "indexgen/index_writer.h"
+
+namespace Veldrin::Index2 {
+
+// Writes the VDX2 format: what differs from the source goes inline, the rest by reference.
+class IndexWriter : public IndexGen::IndexWriter {
+ public:
+  IndexWriter(uint32_t flags, uint32_t block_size);
+  ~IndexWriter() override;
+
+  bool open(const std::string& filename, bool append, const std::string& frame_filename);
+  void close();
+  // Pushes what was written so far to the files, closing and completing nothing: the end of a
+  // run that doesn't close the writer still leaves every byte written on disk.
+  void flush();
+
+  void set_tables(const std::string& packets) override;
+  void set_frame_preamble(const std::string& packets) override;
+  void add_packet(IndexGen::CapturedPacket& captured) override;
+  void add_pcr(uint64_t offset, double npt) override;
+
+  void apply_npt(Block& block, const IndexGen::CapturedPacket& captured);
+
+  std::ofstream* index_stream = nullptr;  // owned
+  std::ofstream* frame_stream = nullptr;  // never closed by this class
+  Korvix::Channel::StreamWriter* writer = nullptr;  // owned; the open state
+  std::string tables;
+  std::string preamble;
+  uint32_t flags;
+  uint32_t block_size;
+  std::list<Block> pending;
+  bool in_group = false;
+  double last_npt = 0.0;
+};
+
+}  // namespace Veldrin::Index2
+
+#endif

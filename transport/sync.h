@@ -1,0 +1,43 @@
+#ifndef VELDRIN_TRANSPORT_SYNC_H
+#define VELDRIN_TRANSPORT_SYNC_H
+
+#include <cstdint>
+#include <fstream>
+#include <map>
+#include <string>
+
+#include "foundation/channel/stream_reader.h"
+#include "transport/pipe.h"
+#include "transport/ts_reader.h"
+
+namespace Veldrin::IndexGen {
+
+// Thrown when no packet of the offset file matches an input packet.
+class SyncFailureException {};
+
+// Replaces each packet's offset by the position of the same packet in a second copy of the
+// stream, the offset file. A packet's identity is the last PCR at or before it on any PID, its
+// PID, and its ordinal among that PID's packets since that PCR.
+class SyncPipe : public TSPipe {
+ public:
+  SyncPipe() = default;
+  virtual ~SyncPipe();
+  SyncPipe(const SyncPipe&) = delete;
+  SyncPipe& operator=(const SyncPipe&) = delete;
+
+  bool open(const std::string& path);
+  void process(TSPacket& packet) override;
+  uint64_t find_offset(uint16_t pid, uint64_t count, double pcr);
+
+  std::ifstream* file = nullptr;                    // owned
+  Korvix::Channel::StreamReader* reader = nullptr;  // owned
+  TSReader* ts_reader = nullptr;                    // owned
+  double input_pcr = -1.0;
+  std::map<uint16_t, uint64_t> input_counts;
+  double file_pcr = -1.0;
+  std::map<uint16_t, uint64_t> file_counts;
+};
+
+}  // namespace Veldrin::IndexGen
+
+#endif

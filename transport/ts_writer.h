@@ -1,0 +1,31 @@
+#ifndef VELDRIN_TRANSPORT_TS_WRITER_H
+#define VELDRIN_TRANSPORT_TS_WRITER_H
+
+#include <cstdint>
+#include <string>
+
+#include "foundation/channel/writer.h"
+#include "transport/packet.h"
+
+namespace Veldrin::IndexGen {
+
+// Renders TSPacket records back into the 188-byte packet format.
+class TSWriter {
+ public:
+  explicit TSWriter(Korvix::Channel::Writer& writer_) : writer(writer_) {}
+
+  // payload_length: in, the bytes waiting; out, the bytes this packet carries. continuity: the
+  // caller's counter for this PID, advanced when the packet carries payload.
+  bool write_header(const TSPacket& packet, int32_t& payload_length, int32_t& continuity);
+  bool write_packet(const TSPacket& packet, const unsigned char* data, int32_t& payload_length,
+                    int32_t& continuity);
+
+  Korvix::Channel::Writer& writer;
+};
+
+// Whole packets that carry all of packet.payload; continuity advances as write_packet does.
+std::string packetise(const TSPacket& packet, int32_t& continuity);
+
+}  // namespace Veldrin::IndexGen
+
+#endif
