@@ -17,6 +17,11 @@ constexpr uint32_t PAGE_SIZE = 4096;
 constexpr int32_t DEFAULT_LINKS = 16;
 constexpr uint32_t DEFAULT_PRECISION = 65536;
 
+// NPT as stored in the file: seconds times 1000.0, truncated, in 32 bits.
+uint32_t npt_milliseconds(double seconds);
+// The header with its table of entry_count entries, rounded up to whole pages.
+uint64_t header_size(uint64_t entry_count);
+
 struct IndexEntry {
   uint64_t offset = 0;    // source offset
   double npt = 0.0;       // seconds
@@ -36,6 +41,8 @@ class IndexFile {
   void write_block(bool force);
   void flush_blocks();
   void complete();
+  // Number of table entries: the source length divided by the precision.
+  uint64_t entry_count() const;
 
   std::string filename;
   std::ofstream stream;
