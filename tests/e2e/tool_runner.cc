@@ -86,11 +86,13 @@ RunResult run_program(const RunSpec& spec) {
         ::dup2(err_pipe.write_end, 2) < 0)
       ::_exit(127);
     ::signal(SIGPIPE, SIG_DFL);  // an ignored signal would be inherited across exec
+    ::setpgid(0, 0);             // its own group, so that a time-out ends its children too
     if (!spec.working_dir.empty() && ::chdir(spec.working_dir.c_str()) != 0) ::_exit(127);
     ::execv(spec.executable.c_str(), argv.data());
     ::_exit(127);
   }
 
+  ::setpgid(child, child);  // as the child does, whichever runs first
   close_fd(null_fd);
   close_fd(out_pipe.write_end);
   close_fd(err_pipe.write_end);
@@ -118,7 +120,7 @@ RunResult run_program(const RunSpec& spec) {
                     deadline - std::chrono::steady_clock::now())
                     .count();
     if (left <= 0) {
-      ::kill(child, SIGKILL);
+      ::kill(-child, SIGKILL);
       result.timed_out = true;
       break;
     }
