@@ -1,7 +1,211 @@
 #include "tool/run.h"
 
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <memory>
+#include <vector>
+
+#include "foundation/file/path.h"
+#include "foundation/log/level_filter.h"
+#include "foundation/log/stream.h"
+#include "foundation/log/stream_channel.h"
+#include "index/index_writer.h"
+#include "index2/index_writer.h"
+#include "indexgen/generator.h"
+#include "tool/alignment.h"
+#include "tool/options.h"
+#include "tool/statistics.h"
+#include "transport/pipeline.h"
+#include "transport/sync.h"
+
 namespace Veldrin::Tool {
 
-int run(int, char**) { return 1; }
+namespace {
+
+// The input is fed to the chain in chunks of this size, through one reused buffer.
+constexpr size_t CHUNK_SIZE = 65536;
+
+// The index writer of the run, of one format or the other. It is made with new and never
+// deleted: its destructor would complete the file, which an end without close must not do.
+// The pointers live here, in static storage, so that the writer stays reachable to the end.
+struct RunWriter {
+  Index::IndexWriter* vdx = nullptr;
+  Index2::IndexWriter* vdx2 = nullptr;
+
+  IndexGen::IndexWriter* get() const {
+    return vdx != nullptr ? static_cast<IndexGen::IndexWriter*>(vdx) : vdx2;
+  }
+  // What was written reaches the file, and nothing is completed.
+  void flush() const {
+    if (vdx != nullptr) vdx->flush();
+    if (vdx2 != nullptr) vdx2->flush();
+  }
+  void close() const {
+    if (vdx != nullptr) vdx->close();
+    if (vdx2 != nullptr) vdx2->close();
+  }
+};
+
+RunWriter run_writer;
+
+// Keeps a channel connected to the logger for the life of the object.
+class LogConnection {
+ public:
+  explicit LogConnection(Korvix::Log::Channel& channel_) : channel(channel_) {
+    Korvix::Log::logger.connect(channel);
+  }
+  ~LogConnection() { Korvix::Log::logger.disconnect(channel); }
+  LogConnection(const LogConnection&) = delete;
+  LogConnection& operator=(const LogConnection&) = delete;
+
+ private:
+  Korvix::Log::Channel& channel;
+};
+
+}  // namespace
+
+int run(int argc, char** argv) {
+  const std::string program = argc > 0 && argv[0] != nullptr ? argv[0] : "";
+  if (argc <= 1) {
+    print_usage(std::cout, program);
+    return 1;
+  }
+
+  Settings settings;
+  ParseOutcome outcome = parse_options(argc, argv, settings, std::cout, std::cerr);
+  if (outcome.finished) return outcome.status;
+
+  Korvix::Log::StreamChannel channel(std::cerr);
+  Korvix::Log::LevelFilter filter(channel, settings.log_level);
+  LogConnection connection(filter);
+  Korvix::Log::Streams log;
+
+  if (!take_names(argc, argv, outcome.next, settings)) {
+    print_usage(std::cout, program);
+    return 1;
+  }
+
+  log.summary << BANNER << std::endl;
+
+  // Standard input is taken as it is and never aligned; a file is aligned to its first packet.
+  std::string input_name = settings.input_file;
+  std::istream* input = nullptr;
+  std::unique_ptr<std::ifstream> input_file;
+  if (input_name == "-") {
+    input_name = "pipe";
+    input = &std::cin;
+  } else {
+    input_file = std::make_unique<std::ifstream>(input_name, std::ios::in | std::ios::binary);
+    if (input_file->fail()) {
+      int error = errno;
+      log.error << "Can't open input file: " << std::strerror(error) << std::endl;
+      return 2;
+    }
+    if (!align_stream(*input_file, settings.start_offset)) {
+      log.error << "Could not align to start of TS stream - aborting" << std::endl;
+      return 6;
+    }
+    input = input_file.get();
+  }
+
+  log.summary << "Indexing " << input_name << " into " << settings.output_file;
+  if (settings.external_frames)
+    log.summary << " with external frame file " << settings.external_file;
+  log.summary << std::endl;
+
+  if (settings.start_offset != 0)
+    log.summary << "Aligned with start of TS stream at byte " << settings.start_offset << std::endl;
+  if (!settings.offset_file.empty())
+    log.summary << "Syncing to " << settings.offset_file << " for offsets" << std::endl;
+  if (settings.seek_only) log.summary << "Offset index for seek only" << std::endl;
+  if (settings.pcr_only) log.summary << "Capturing only PCR timing, not video frames" << std::endl;
+  log.summary << "Output index format: " << (settings.format == FORMAT_VDX ? "VDX" : "VDX2")
+              << std::endl;
+
+  // The output exists before anything of the stream beyond the alignment has been looked at.
+  bool opened = false;
+  if (settings.format == FORMAT_VDX) {
+    run_writer.vdx = new Index::IndexWriter(settings.index_links,
+                                            static_cast<uint32_t>(settings.index_precision),
+                                            Korvix::File::Path(input_name).length());
+    opened = run_writer.vdx->open(settings.output_file);
+  } else {
+    run_writer.vdx2 = new Index2::IndexWriter(static_cast<uint32_t>(settings.index_flags),
+                                              static_cast<uint32_t>(settings.index_block_size));
+    opened = run_writer.vdx2->open(settings.output_file, false, settings.external_file);
+  }
+  if (!opened) {
+    int error = errno;
+    log.error << "Can't open output file: " << std::strerror(error) << std::endl;
+    return 2;
+  }
+
+  IndexGen::IndexGenerator generator(run_writer.get(), settings.include_tables, settings.dump,
+                                     settings.seek_only, settings.pcr_only, settings.trim_pmt,
+                                     settings.ca_pid);
+  IndexGen::TSPipeline pipeline(settings.start_offset);
+  IndexGen::TSPipe* last = &pipeline;
+
+  std::unique_ptr<IndexGen::SyncPipe> sync;
+  if (!settings.offset_file.empty()) {
+    sync = std::make_unique<IndexGen::SyncPipe>();
+    if (!sync->open(settings.offset_file)) {
+      log.error << "Could not open offset sync file: " << settings.offset_file << std::endl;
+      run_writer.flush();
+      return 7;
+    }
+    last->attach(sync.get());
+    last = sync.get();
+  }
+
+  // The encryption stage plugs in here, between the offset synchronisation and the generator.
+  // With settings.encrypt it reads a certificate from each of settings.key_encrypt_files
+  // (reporting and skipping those it can't use), opens settings.encrypt_file, logs "Encrypting
+  // to file ", makes the StreamWriter, the packet encryptor with settings.key_text and the
+  // certificates, and the Encryptor, and attaches that to last. Until the stage exists the
+  // options are only held: nothing is opened and nothing claims to be encrypted.
+
+  last->attach(&generator);
+
+  // End of input is the state the stream reports after the read that delivered a chunk; a
+  // stream that failed without reaching its end (a seek that didn't work) ends the loop too.
+  std::vector<unsigned char> chunk(CHUNK_SIZE);
+  for (;;) {
+    input->read(reinterpret_cast<char*>(chunk.data()), static_cast<std::streamsize>(CHUNK_SIZE));
+    std::streamsize count = input->gcount();
+    if (count > 0) {
+      try {
+        pipeline.read(chunk.data(), static_cast<int32_t>(count));
+      } catch (const IndexGen::SyncFailureException&) {
+        // The last chunk may run out of its match in the offset file without harm.
+        if (!input->eof()) {
+          log.error << "Could not synchronise with offset file. Aborting." << std::endl;
+          run_writer.flush();
+          return 9;
+        }
+      }
+    }
+    if (!input->good()) break;
+  }
+
+  log.summary << "Creating index of " << generator.block_count << " blocks" << std::endl;
+  run_writer.close();
+
+  RunStatistics statistics;
+  statistics.duration = generator.duration;
+  statistics.first_offset = generator.first_offset;
+  statistics.last_offset = generator.last_offset;
+  statistics.max_rate = generator.max_rate;
+  statistics.min_rate = generator.min_rate;
+  write_statistics(log.summary, statistics);
+
+  sync.reset();
+  input_file.reset();
+
+  log.summary << "Done" << std::endl;
+  return 0;
+}
 
 }  // namespace Veldrin::Tool
