@@ -17,6 +17,8 @@ class IndexWriter : public IndexGen::IndexWriter {
  public:
   IndexWriter(uint32_t flags, uint32_t block_size);
   ~IndexWriter() override;
+  IndexWriter(const IndexWriter&) = delete;
+  IndexWriter& operator=(const IndexWriter&) = delete;
 
   bool open(const std::string& filename, bool append, const std::string& frame_filename);
   void close();
@@ -31,8 +33,8 @@ class IndexWriter : public IndexGen::IndexWriter {
 
   void apply_npt(Block& block, const IndexGen::CapturedPacket& captured);
 
-  std::ofstream* index_stream = nullptr;  // owned
-  std::ofstream* frame_stream = nullptr;  // never closed by this class
+  std::ofstream* index_stream = nullptr;            // owned
+  std::ofstream* frame_stream = nullptr;            // never closed by this class
   Korvix::Channel::StreamWriter* writer = nullptr;  // owned; the open state
   std::string tables;
   std::string preamble;
@@ -41,6 +43,17 @@ class IndexWriter : public IndexGen::IndexWriter {
   std::list<Block> pending;
   bool in_group = false;
   double last_npt = 0.0;
+
+ private:
+  Block make_block(uint64_t offset) const;
+  // Spreads a string over blocks of up to block_size - 36 bytes; first_flags go on the first.
+  void add_chunks(const std::string& text, const IndexGen::CapturedPacket& captured,
+                  uint32_t first_flags);
+  void renumber_preamble(int32_t frame_counter);
+  void add_reference(const IndexGen::CapturedPacket& captured);
+  void add_inline(const IndexGen::CapturedPacket& captured);
+  // Numbers the blocks of the group under way and writes them.
+  void write_group();
 };
 
 }  // namespace Veldrin::Index2
