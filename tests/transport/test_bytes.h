@@ -52,10 +52,8 @@ inline uint32_t bitwise_crc32_mpeg(const unsigned char* data, size_t length) {
   uint32_t crc = 0xFFFFFFFFu;
   for (size_t i = 0; i < length; i++) {
     for (int bit = 7; bit >= 0; bit--) {
-      bool in = ((data[i] >> bit) & 1) != 0;
-      bool top = (crc & 0x80000000u) != 0;
-      crc <<= 1;
-      if (in != top) crc ^= 0x04C11DB7u;
+      uint32_t feedback = ((crc >> 31) ^ (data[i] >> bit)) & 1u;
+      crc = (crc << 1) ^ (0x04C11DB7u & (0u - feedback));
     }
   }
   return crc;
