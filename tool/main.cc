@@ -1,3 +1,5 @@
 #include "tool/run.h"
 
-int main(int argc, char** argv) { return Veldrin::Tool::run(argc, argv); }
+int main(int argc, char** argv) {
+  return Veldrin::Tool::run(argc, argv);
+}

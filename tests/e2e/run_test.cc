@@ -1,0 +1,313 @@
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "e2e/streams.h"
+#include "e2e/tool_runner.h"
+
+namespace Veldrin::Testing {
+namespace {
+
+const std::string BANNER = "Veldrin MPEG2 Transport Stream indexer version 3.1.6\n";
+
+// A PCR every 100 packets, 0.125 seconds apart from 1.0 on: values that a double holds exactly,
+// so that every time and rate below is exact.
+std::optional<uint64_t> pcr_every_100(size_t index) {
+  if (index % 100 != 0) return std::nullopt;
+  return 27000000 + (index / 100) * 3375000;
+}
+
+// 1100 packets on one PID with eleven PCRs at offsets 0, 18800, ..., 188000.
+std::string timed_stream() {
+  return make_packets(0x100, 1100, pcr_every_100);
+}
+
+// The 256 bytes of a VDX2 header with the given flags and the default block size.
+std::string vdx2_header(uint32_t flags) {
+  std::string header(256, '\0');
+  header.replace(0, 16, std::string("VDX2\x00\x00\x01\x00\x00\x00\x00\x00\x00\x00\x01\x00", 16));
+  header[11] = static_cast<char>(flags);
+  return header;
+}
+
+std::string system_text(int error) {
+  return std::strerror(error);
+}
+
+TEST(Run, StreamWithPcrGivesEveryLineOfTheRun) {
+  TempDir dir;
+  write_file(dir.file("in.ts"), timed_stream());
+  RunResult result = run_vdxindex({"in.ts"}, dir.path);
+  EXPECT_EQ(result.status, 0);
+  // 188000 bytes in 1.25 seconds; each 0.125 seconds 100 packets.
+  EXPECT_EQ(result.err, BANNER +
+                            "Indexing in.ts into in.ts.vdx2\n"
+                            "Output index format: VDX2\n"
+                            "Creating index of 0 blocks\n"
+                            "Duration:\t1.25\tseconds\n"
+                            "Average rate:\t1203200\tbits/sec\n"
+                            "Maximum rate:\t1203200\tbits/sec\n"
+                            "Minimum rate:\t1203200\tbits/sec\n"
+                            "Done\n");
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(read_file(dir.file("in.ts.vdx2")), vdx2_header(0));
+}
+
+TEST(Run, StreamWithoutPcrPrintsDurationMinusOneAndNoRates) {
+  TempDir dir;
+  write_file(dir.file("in.ts"), make_packets(0x100, 1100));
+  RunResult result = run_vdxindex({"in.ts", "out.idx"}, dir.path);
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.err, BANNER +
+                            "Indexing in.ts into out.idx\n"
+                            "Output index format: VDX2\n"
+                            "Creating index of 0 blocks\n"
+                            "Duration:\t-1\tseconds\n"
+                            "Done\n");
+  EXPECT_EQ(read_file(dir.file("out.idx")), vdx2_header(0));
+  EXPECT_FALSE(file_exists(dir.file("in.ts.vdx2")));
+}
+
+TEST(Run, SeekPcrOnlyLogsBothLinesAndIndexesEachAcceptedPcr) {
+  TempDir dir;
+  write_file(dir.file("in.ts"), timed_stream());
+  RunResult result = run_vdxindex({"-S", "in.ts"}, dir.path);
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.err, BANNER +
+                            "Indexing in.ts into in.ts.vdx2\n"
+                            "Offset index for seek only\n"
+                            "Capturing only PCR timing, not video frames\n"
+                            "Output index format: VDX2\n"
+                            "Creating index of 10 blocks\n"
+                            "Duration:\t1.25\tseconds\n"
+                            "Average rate:\t1203200\tbits/sec\n"
+                            "Maximum rate:\t1203200\tbits/sec\n"
+                            "Minimum rate:\t1203200\tbits/sec\n"
+                            "Done\n");
+  Vdx2File index = parse_vdx2(read_file(dir.file("in.ts.vdx2")));
+  ASSERT_TRUE(index.valid);
+  ASSERT_EQ(index.blocks.size(), 10u);
+  for (size_t j = 1; j <= 10; ++j) {
+    const Vdx2Block& block = index.blocks[j - 1];
+    EXPECT_EQ(block.offset, j * 18800) << j;
+    EXPECT_EQ(block.npt, j * 125) << j;
+    EXPECT_EQ(block.flags, 1u) << j;
+    EXPECT_EQ(block.count, 0) << j;
+    EXPECT_EQ(block.ref_length, 0u) << j;
+    EXPECT_EQ(block.data, "") << j;
+  }
+}
+
+TEST(Run, SeekOnlyLogsItsLineAlone) {
+  TempDir dir;
+  write_file(dir.file("in.ts"), timed_stream());
+  RunResult result = run_vdxindex({"--seek-only", "in.ts"}, dir.path);
+  EXPECT_EQ(result.status, 0);
+  EXPECT_NE(result.err.find("Indexing in.ts into in.ts.vdx2\nOffset index for seek only\n"
+                            "Output index format: VDX2\n"),
+            std::string::npos)
+      << result.err;
+}
+
+TEST(Run, OneQuietLeavesOnlyErrors) {
+  TempDir dir;
+  write_file(dir.file("in.ts"), timed_stream());
+  RunResult result = run_vdxindex({"-q", "-S", "in.ts"}, dir.path);
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.err, "");
+  EXPECT_EQ(parse_vdx2(read_file(dir.file("in.ts.vdx2"))).blocks.size(), 10u);
+
+  result = run_vdxindex({"-q", "missing.ts"}, dir.path);
+  EXPECT_EQ(result.status, 2);
+  EXPECT_EQ(result.err, "Can't open input file: " + system_text(ENOENT) + "\n");
+}
+
+TEST(Run, TwoQuietSilenceEvenErrors) {
+  TempDir dir;
+  RunResult result = run_vdxindex({"-q", "--quiet", "missing.ts"}, dir.path);
+  EXPECT_EQ(result.status, 2);
+  EXPECT_EQ(result.err, "");
+}
+
+TEST(Run, VerboseShowsDetailLinesAndMoreVerboseChangesNothing) {
+  TempDir dir;
+  write_file(dir.file("in.ts"), timed_stream());
+  RunResult plain = run_vdxindex({"-S", "in.ts"}, dir.path);
+  RunResult verbose = run_vdxindex({"-v", "-S", "in.ts"}, dir.path);
+  RunResult more = run_vdxindex({"-v", "--verbose", "-v", "-S", "in.ts"}, dir.path);
+  EXPECT_EQ(plain.err.find("Captured PCR value "), std::string::npos);
+  EXPECT_NE(verbose.err.find("Captured PCR value "), std::string::npos) << verbose.err;
+  EXPECT_GT(split_lines(verbose.err).size(), split_lines(plain.err).size());
+  EXPECT_EQ(more.err, verbose.err);
+}
+
+TEST(Run, InputThatCannotBeOpenedEndsWithStatusTwo) {
+  TempDir dir;
+  RunResult result = run_vdxindex({"missing.ts"}, dir.path);
+  EXPECT_EQ(result.status, 2);
+  EXPECT_EQ(result.err, BANNER + "Can't open input file: " + system_text(ENOENT) + "\n");
+  EXPECT_FALSE(file_exists(dir.file("missing.ts.vdx2")));
+}
+
+TEST(Run, OutputThatCannotBeOpenedEndsWithStatusTwo) {
+  TempDir dir;
+  write_file(dir.file("in.ts"), timed_stream());
+  RunResult result = run_vdxindex({"in.ts", "nowhere/out.vdx2"}, dir.path);
+  EXPECT_EQ(result.status, 2);
+  EXPECT_EQ(result.err, BANNER +
+                            "Indexing in.ts into nowhere/out.vdx2\n"
+                            "Output index format: VDX2\n"
+                            "Can't open output file: " +
+                            system_text(ENOENT) + "\n");
+
+  std::filesystem::create_directory(dir.file("adir"));
+  result = run_vdxindex({"in.ts", "adir"}, dir.path);
+  EXPECT_EQ(result.status, 2);
+  EXPECT_EQ(split_lines(result.err).back(), "Can't open output file: " + system_text(EISDIR));
+}
+
+TEST(Run, VdxOutputThatCannotBeOpenedIsReportedByTheWriterToo) {
+  TempDir dir;
+  write_file(dir.file("in.ts"), timed_stream());
+  RunResult result = run_vdxindex({"-f", "vdx", "in.ts", "nowhere/out.vdx"}, dir.path);
+  EXPECT_EQ(result.status, 2);
+  std::vector<std::string> lines = split_lines(result.err);
+  ASSERT_EQ(lines.size(), 5u) << result.err;
+  EXPECT_EQ(lines[1], "Indexing in.ts into nowhere/out.vdx");
+  EXPECT_EQ(lines[2], "Output index format: VDX");
+  EXPECT_EQ(lines[3], "Can't open index file nowhere/out.vdx for writing");
+  EXPECT_EQ(lines[4].rfind("Can't open output file: ", 0), 0u) << lines[4];
+}
+
+TEST(Run, ExternalFramesNameTheFrameFileAndSetBitZero) {
+  TempDir dir;
+  write_file(dir.file("in.ts"), timed_stream());
+  RunResult result = run_vdxindex({"-If", "2", "-Ix", "in.ts", "out.vdx2"}, dir.path);
+  EXPECT_EQ(result.status, 0);
+  EXPECT_NE(result.err.find("Indexing in.ts into out.vdx2 with external frame file in.ts.vdf\n"),
+            std::string::npos)
+      << result.err;
+  EXPECT_EQ(read_file(dir.file("out.vdx2")), vdx2_header(3));
+  EXPECT_TRUE(file_exists(dir.file("in.ts.vdf")));
+}
+
+TEST(Run, IndexFlagsAloneAreStoredAsGiven) {
+  TempDir dir;
+  write_file(dir.file("in.ts"), timed_stream());
+  RunResult result = run_vdxindex({"-If", "2", "in.ts"}, dir.path);
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(read_file(dir.file("in.ts.vdx2")), vdx2_header(2));
+  EXPECT_FALSE(file_exists(dir.file("in.ts.vdf")));
+}
+
+TEST(Run, ExternalFileGivenByNameIsMade) {
+  TempDir dir;
+  write_file(dir.file("in.ts"), timed_stream());
+  RunResult result = run_vdxindex({"-IX", "frames.bin", "in.ts"}, dir.path);
+  EXPECT_EQ(result.status, 0);
+  EXPECT_NE(result.err.find(" with external frame file frames.bin\n"), std::string::npos);
+  EXPECT_EQ(read_file(dir.file("in.ts.vdx2")), vdx2_header(1));
+  EXPECT_TRUE(file_exists(dir.file("frames.bin")));
+}
+
+TEST(Run, ExternalFramesWithVdxAreNamedButNotMade) {
+  TempDir dir;
+  write_file(dir.file("in.ts"), timed_stream());
+  RunResult result = run_vdxindex({"-Ix", "-f", "vdx", "in.ts"}, dir.path);
+  EXPECT_EQ(result.status, 0);
+  EXPECT_NE(result.err.find("Indexing in.ts into in.ts.vdx with external frame file in.ts.vdf\n"),
+            std::string::npos)
+      << result.err;
+  EXPECT_TRUE(file_exists(dir.file("in.ts.vdx")));
+  EXPECT_FALSE(file_exists(dir.file("in.ts.vdf")));
+}
+
+TEST(Run, VdxTableIsSizedByTheInputFilesLength) {
+  TempDir dir;
+  write_file(dir.file("in.ts"), timed_stream());  // 206800 bytes
+  RunResult result = run_vdxindex({"-f", "vdx", "in.ts"}, dir.path);
+  EXPECT_EQ(result.status, 0);
+  std::string index = read_file(dir.file("in.ts.vdx"));
+  ASSERT_GE(index.size(), 24u);
+  EXPECT_EQ(read_be32(index, 0), 0x56445846u);
+  EXPECT_EQ(read_be32(index, 12), 0u);      // blocks
+  EXPECT_EQ(read_be32(index, 16), 65536u);  // precision
+  EXPECT_EQ(read_be32(index, 20), 3u);      // 206800 / 65536 entries
+
+  result = run_vdxindex({"-f", "vdx", "-Ip", "100000", "in.ts", "coarse.vdx"}, dir.path);
+  EXPECT_EQ(result.status, 0);
+  index = read_file(dir.file("coarse.vdx"));
+  ASSERT_GE(index.size(), 24u);
+  EXPECT_EQ(read_be32(index, 16), 100000u);
+  EXPECT_EQ(read_be32(index, 20), 2u);
+}
+
+TEST(Run, BlockSizeThatTheWriterRefusesEndsTheProcessAbnormally) {
+  TempDir dir;
+  write_file(dir.file("in.ts"), timed_stream());
+  RunResult result = run_vdxindex({"-Ib", "8", "in.ts"}, dir.path);
+  EXPECT_EQ(result.status, -1);
+  EXPECT_EQ(result.signal, 6);
+  EXPECT_NE(result.err.find("terminate called after throwing an instance of "
+                            "'Korvix::Channel::Error'"),
+            std::string::npos)
+      << result.err;
+}
+
+TEST(Run, StandardInputIsNamedPipeAfterTheNamesAreDerived) {
+  TempDir dir;
+  RunResult result = run_vdxindex({"-"}, dir.path, timed_stream());
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.err, BANNER +
+                            "Indexing pipe into -.vdx2\n"
+                            "Output index format: VDX2\n"
+                            "Creating index of 0 blocks\n"
+                            "Duration:\t1.25\tseconds\n"
+                            "Average rate:\t1203200\tbits/sec\n"
+                            "Maximum rate:\t1203200\tbits/sec\n"
+                            "Minimum rate:\t1203200\tbits/sec\n"
+                            "Done\n");
+  EXPECT_EQ(read_file(dir.file("-.vdx2")), vdx2_header(0));
+  EXPECT_FALSE(file_exists(dir.file("pipe.vdx2")));
+}
+
+TEST(Run, FrameFileOfStandardInputIsDashVdf) {
+  TempDir dir;
+  RunResult result = run_vdxindex({"-Ix", "-"}, dir.path, timed_stream());
+  EXPECT_EQ(result.status, 0);
+  EXPECT_NE(result.err.find("Indexing pipe into -.vdx2 with external frame file -.vdf\n"),
+            std::string::npos)
+      << result.err;
+  EXPECT_TRUE(file_exists(dir.file("-.vdf")));
+}
+
+TEST(Run, VdxOfStandardInputIsSizedByAFileCalledPipe) {
+  TempDir dir;
+  RunResult result = run_vdxindex({"-f", "vdx", "-"}, dir.path, timed_stream());
+  EXPECT_EQ(result.status, 0);
+  std::string index = read_file(dir.file("-.vdx"));
+  ASSERT_GE(index.size(), 24u);
+  EXPECT_EQ(read_be32(index, 20), 0u);
+
+  write_file(dir.file("pipe"), std::string(200000, 'x'));
+  result = run_vdxindex({"-f", "vdx", "-", "second.vdx"}, dir.path, timed_stream());
+  EXPECT_EQ(result.status, 0);
+  index = read_file(dir.file("second.vdx"));
+  ASSERT_GE(index.size(), 24u);
+  EXPECT_EQ(read_be32(index, 20), 3u);  // 200000 / 65536
+}
+
+TEST(Run, StandardOutputStaysEmptyWithoutDump) {
+  TempDir dir;
+  RunResult result = run_vdxindex({source_path("samples/sample.ts"), "out.vdx2"}, dir.path);
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(split_lines(result.err).back(), "Done");
+}
+
+}  // namespace
+}  // namespace Veldrin::Testing
