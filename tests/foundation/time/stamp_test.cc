@@ -7,6 +7,8 @@
 #include <ctime>
 #include <string>
 
+#include "foundation/zone_guard.h"
+
 namespace Korvix {
 namespace {
 
@@ -156,29 +158,6 @@ TEST(Stamp, IsoOutputParsesBack) {
   EXPECT_EQ(Stamp::from_iso(stamp.iso_compact()), stamp);
   EXPECT_EQ(Stamp::from_iso(stamp.iso()), stamp);
 }
-
-// Sets the zone of the process for one test and puts the old one back.
-class ZoneGuard {
- public:
-  explicit ZoneGuard(const char* zone) {
-    const char* old = std::getenv("TZ");
-    had = old != nullptr;
-    if (had) saved = old;
-    setenv("TZ", zone, 1);
-    tzset();
-  }
-  ~ZoneGuard() {
-    if (had)
-      setenv("TZ", saved.c_str(), 1);
-    else
-      unsetenv("TZ");
-    tzset();
-  }
-
- private:
-  bool had = false;
-  std::string saved;
-};
 
 TEST(Stamp, LocalConversionsInUtcChangeNothing) {
   ZoneGuard zone("UTC0");
