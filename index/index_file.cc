@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <ios>
+#include <utility>
 
 #include "foundation/log/stream.h"
 
@@ -44,8 +45,8 @@ void IndexFile::start(uint64_t length_) {
   writer.align(PAGE_SIZE);
 }
 
-void IndexFile::add_block(const std::string& data) {
-  blocks.push_back(data);
+void IndexFile::add_block(std::string data) {
+  blocks.push_back(std::move(data));
   blocks_queued++;
   write_block(false);
 }

@@ -37,7 +37,7 @@ class IndexFile {
   IndexFile& operator=(const IndexFile&) = delete;
 
   void start(uint64_t length);
-  void add_block(const std::string& data);
+  void add_block(std::string data);
   void write_block(bool force);
   void flush_blocks();
   void complete();
