@@ -1,12 +1,17 @@
 #!/usr/bin/env python3
-"""Makes tests/fixtures/h264_no_aud.ts: H.264 without access unit delimiters.
+"""Makes the H.264 fixtures without access unit delimiters.
 
 The transport stream muxer of ffmpeg always puts an AUD in front of each access unit. This script
 takes an Annex B elementary stream from ffmpeg, drops any AUD NAL units and muxes the rest into a
 minimal transport stream: PAT and PMT ahead of every 25th access unit, one PES packet per access
-unit, and a PCR on the video PID in the first packet of each PES packet.
+unit, and a PCR on the video PID in the first packet of each PES packet. No B-frames, so that
+decoding and presentation order agree and the PES packets need a PTS alone.
 
-Usage: scripts/make-h264-no-aud.py [OUTPUT]   (default: tests/fixtures/h264_no_aud.ts)
+- tests/fixtures/h264_no_aud.ts: closed GOPs, an IDR picture every second.
+- tests/fixtures/h264_no_aud_intra_refresh.ts: periodic intra refresh every 8 pictures, with a
+  recovery point SEI of recovery_frame_cnt 7 and no IDR picture after the first.
+
+Usage: scripts/make-h264-no-aud.py [DIRECTORY]   (default: tests/fixtures)
 """
 
 import os
@@ -140,16 +145,19 @@ def access_units(units):
     return groups
 
 
-def main():
-    here = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-    output = sys.argv[1] if len(sys.argv) > 1 else os.path.join(here, "tests/fixtures/h264_no_aud.ts")
+FIXTURES = {
+    "h264_no_aud.ts": "keyint=25:min-keyint=25:scenecut=0:bframes=0:aud=0",
+    "h264_no_aud_intra_refresh.ts": "keyint=8:intra-refresh=1:bframes=0:aud=0",
+}
+
+
+def make(output, x264_params):
     with tempfile.TemporaryDirectory() as work:
         es = os.path.join(work, "video.h264")
         subprocess.run(["ffmpeg", "-hide_banner", "-loglevel", "error", "-y",
                         "-f", "lavfi", "-i", "testsrc2=size=320x240:rate=25", "-t", "4",
                         "-c:v", "libx264", "-preset", "fast", "-b:v", "700k", "-threads", "1",
-                        "-x264-params", "keyint=25:min-keyint=25:scenecut=0:bframes=0:aud=0",
-                        "-f", "h264", es], check=True)
+                        "-x264-params", x264_params, "-f", "h264", es], check=True)
         with open(es, "rb") as f:
             stream = f.read()
     groups = access_units(nal_units(stream))
@@ -164,6 +172,13 @@ def main():
     with open(output, "wb") as f:
         f.write(mux.out)
     print(f"{output}: {len(groups)} access units, {len(mux.out)} bytes")
+
+
+def main():
+    here = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+    directory = sys.argv[1] if len(sys.argv) > 1 else os.path.join(here, "tests/fixtures")
+    for name, x264_params in FIXTURES.items():
+        make(os.path.join(directory, name), x264_params)
 
 
 if __name__ == "__main__":
