@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <iostream>
 #include <list>
-#include <sstream>
 #include <string>
 
 #include "indexgen/captured_packet.h"
@@ -28,9 +27,8 @@ const char* video_type_name(int type);
 class IndexGenerator : public TSPipe {
  public:
   // dump_output receives the rebuilt frames in dump mode; the tool passes standard output.
-  IndexGenerator(IndexWriter* writer, bool include_tables, bool dump, bool seek_only,
-                 bool pcr_only, bool trim_pmt, uint16_t ca_pid,
-                 std::ostream& dump_output = std::cout);
+  IndexGenerator(IndexWriter* writer, bool include_tables, bool dump, bool seek_only, bool pcr_only,
+                 bool trim_pmt, uint16_t ca_pid, std::ostream& dump_output = std::cout);
   ~IndexGenerator();
   IndexGenerator(const IndexGenerator&) = delete;
   IndexGenerator& operator=(const IndexGenerator&) = delete;
@@ -46,7 +44,7 @@ class IndexGenerator : public TSPipe {
   std::list<CapturedPacket> queue;  // records never move while a parser holds them
   int32_t continuity = 0;
   bool in_frame = false;
-  std::ostringstream dump_buffer;
+  std::string dump_buffer;  // filled only while a dump goes to dump_output
   uint16_t pmt_pid = 0;
   uint16_t program_number = 0;
   uint16_t video_pid = 0;
@@ -70,7 +68,38 @@ class IndexGenerator : public TSPipe {
   int32_t max_rate = 0;
 
   std::ostream& dump_output;
+
+ private:
+  // Time base and rates from the packet's PCR; gives the time of the last accepted PCR.
+  double update_time(const TSPacket& packet);
+  // True for a packet of the video stream.
+  bool dispatch(const TSPacket& packet);
+  void handle_pat(const TSPacket& packet);
+  void handle_pmt(const TSPacket& packet);
+  void handle_cat(const TSPacket& packet);
+  void capture_ca(const TSPacket& packet);
+  // Cuts a written section into whole packets, each carrying the input's header fields.
+  static std::string section_packets(const TSPacket& packet, const unsigned char* section,
+                                     int32_t length);
+
+  // Frame capture of a record already at the end of the queue; gives the frames started.
+  int32_t capture(CapturedPacket& record);
+  int32_t flush();
+  void resolve(std::list<CapturedPacket>::iterator begin, std::list<CapturedPacket>::iterator end);
+  void set_pes_length(std::list<CapturedPacket>::iterator begin,
+                      std::list<CapturedPacket>::iterator end);
+  int32_t emit(std::list<CapturedPacket>::iterator begin, std::list<CapturedPacket>::iterator end);
+  void write_frame_head(CapturedPacket& record);
+  std::string preamble_packets(const CapturedPacket& record);
+
+  // Records in the queue that begin a PES packet, so that a group's end is found without a walk.
+  size_t group_starts = 0;
 };
+
+// Helpers of frame capture, on one record.
+bool strip_time_stamps(CapturedPacket& record);
+void apply_markers(CapturedPacket& record);
+bool insert_pts(CapturedPacket& record);
 
 }  // namespace Veldrin::IndexGen
 
