@@ -10,6 +10,9 @@ decoding and presentation order agree and the PES packets need a PTS alone.
 - tests/fixtures/h264_no_aud.ts: closed GOPs, an IDR picture every second.
 - tests/fixtures/h264_no_aud_intra_refresh.ts: periodic intra refresh every 8 pictures, with a
   recovery point SEI of recovery_frame_cnt 7 and no IDR picture after the first.
+- tests/fixtures/h264_no_aud_sps_scaling.ts: High profile whose SPS carries all eight scaling
+  lists, each sent in full. The encoder never puts them there, so its SPS is rewritten: the lists
+  are flat (every value 16), which decodes exactly like the encoder's own flat quantisation.
 
 Usage: scripts/make-h264-no-aud.py [DIRECTORY]   (default: tests/fixtures)
 """
@@ -123,6 +126,85 @@ def nal_units(stream):
     return units
 
 
+class BitString:
+    """Reads and writes an RBSP as a string of '0' and '1'."""
+
+    def __init__(self, data=b""):
+        self.bits = "".join(f"{byte:08b}" for byte in data)
+        self.at = 0
+
+    def u(self, count):
+        value = int(self.bits[self.at:self.at + count] or "0", 2)
+        self.at += count
+        return value
+
+    def ue(self):
+        zeros = 0
+        while self.u(1) == 0:
+            zeros += 1
+        return (1 << zeros) - 1 + self.u(zeros)
+
+
+def ue_bits(value):
+    code = f"{value + 1:b}"
+    return "0" * (len(code) - 1) + code
+
+
+def se_bits(value):
+    return ue_bits(2 * value - 1 if value > 0 else -2 * value)
+
+
+def unescape(data):
+    out = bytearray()
+    zeros = 0
+    for byte in data:
+        if zeros >= 2 and byte == 3:
+            zeros = 0
+            continue
+        out.append(byte)
+        zeros = zeros + 1 if byte == 0 else 0
+    return bytes(out)
+
+
+def escape(data):
+    out = bytearray()
+    zeros = 0
+    for byte in data:
+        if zeros >= 2 and byte <= 3:
+            out.append(3)
+            zeros = 0
+        out.append(byte)
+        zeros = zeros + 1 if byte == 0 else 0
+    return bytes(out)
+
+
+def with_flat_scaling_lists(sps):
+    """Rewrites an SPS of profile 100 without scaling matrix into one with eight flat lists."""
+    rbsp = BitString(unescape(sps[1:]))
+    profile = rbsp.u(8)
+    assert profile == 100, profile
+    rbsp.u(16)
+    rbsp.ue()
+    chroma_format_idc = rbsp.ue()
+    assert chroma_format_idc == 1, chroma_format_idc
+    rbsp.ue()
+    rbsp.ue()
+    rbsp.u(1)
+    head = rbsp.bits[:rbsp.at]
+    assert rbsp.u(1) == 0, "the SPS has a scaling matrix already"
+    tail = rbsp.bits[rbsp.at:]
+    lists = ""
+    for size in (16,) * 6 + (64,) * 2:
+        # From 8 to 16, then no change: every value of the list is 16.
+        lists += "1" + se_bits(8) + se_bits(0) * (size - 1)
+    bits = head + "1" + lists + tail
+    # The old tail ended in the stop bit and zero padding: cut the padding, pad anew.
+    bits = bits.rstrip("0")
+    bits += "0" * (-len(bits) % 8)
+    body = bytes(int(bits[k:k + 8], 2) for k in range(0, len(bits), 8))
+    return sps[:1] + escape(body)
+
+
 def access_units(units):
     """Groups NAL units into access units, and drops the AUDs."""
     groups = []
@@ -146,21 +228,26 @@ def access_units(units):
 
 
 FIXTURES = {
-    "h264_no_aud.ts": "keyint=25:min-keyint=25:scenecut=0:bframes=0:aud=0",
-    "h264_no_aud_intra_refresh.ts": "keyint=8:intra-refresh=1:bframes=0:aud=0",
+    "h264_no_aud.ts": ("keyint=25:min-keyint=25:scenecut=0:bframes=0:aud=0", False),
+    "h264_no_aud_intra_refresh.ts": ("keyint=8:intra-refresh=1:bframes=0:aud=0", False),
+    "h264_no_aud_sps_scaling.ts": ("keyint=25:min-keyint=25:scenecut=0:bframes=0:aud=0", True),
 }
 
 
-def make(output, x264_params):
+def make(output, x264_params, scaling_lists):
     with tempfile.TemporaryDirectory() as work:
         es = os.path.join(work, "video.h264")
         subprocess.run(["ffmpeg", "-hide_banner", "-loglevel", "error", "-y",
                         "-f", "lavfi", "-i", "testsrc2=size=320x240:rate=25", "-t", "4",
-                        "-c:v", "libx264", "-preset", "fast", "-b:v", "700k", "-threads", "1",
+                        "-c:v", "libx264", "-profile:v", "high", "-preset", "fast",
+                        "-b:v", "700k", "-threads", "1",
                         "-x264-params", x264_params, "-f", "h264", es], check=True)
         with open(es, "rb") as f:
             stream = f.read()
-    groups = access_units(nal_units(stream))
+    units = nal_units(stream)
+    if scaling_lists:
+        units = [with_flat_scaling_lists(unit) if unit[0] & 31 == 7 else unit for unit in units]
+    groups = access_units(units)
     mux = Muxer()
     for index, group in enumerate(groups):
         if index % TABLE_INTERVAL == 0:
@@ -177,8 +264,8 @@ def make(output, x264_params):
 def main():
     here = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
     directory = sys.argv[1] if len(sys.argv) > 1 else os.path.join(here, "tests/fixtures")
-    for name, x264_params in FIXTURES.items():
-        make(os.path.join(directory, name), x264_params)
+    for name, (x264_params, scaling_lists) in FIXTURES.items():
+        make(os.path.join(directory, name), x264_params, scaling_lists)
 
 
 if __name__ == "__main__":
