@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "foundation/log/distributor.h"
 #include "indexgen/h264_units.h"
+#include "indexgen/log_lines.h"
 
 namespace Veldrin::IndexGen {
 namespace {
@@ -16,6 +16,7 @@ namespace {
 using VdxTest::aud;
 using VdxTest::Bits;
 using VdxTest::idr;
+using VdxTest::LogLines;
 using VdxTest::nal;
 using VdxTest::nonref_slice;
 using VdxTest::pps;
@@ -24,37 +25,6 @@ using VdxTest::ref_slice;
 using VdxTest::sei;
 using VdxTest::sps;
 using VdxTest::user_data;
-
-// Catches every log line while it lives.
-class LogLines : public Korvix::Log::Channel {
- public:
-  LogLines() { Korvix::Log::logger.connect(*this); }
-  ~LogLines() override { Korvix::Log::logger.disconnect(*this); }
-  void log(Korvix::Log::Message& message) override {
-    lines.push_back({message.level, message.text});
-  }
-
-  std::vector<std::string> at(int32_t level) const {
-    std::vector<std::string> texts;
-    for (const auto& [line_level, text] : lines) {
-      if (line_level == level) texts.push_back(text);
-    }
-    return texts;
-  }
-  std::vector<std::string> detail() const { return at(Korvix::Log::LEVEL_DETAIL); }
-  std::vector<std::string> summary() const { return at(Korvix::Log::LEVEL_SUMMARY); }
-  std::vector<std::string> error() const { return at(Korvix::Log::LEVEL_ERROR); }
-  // Detail lines without the per-unit ones.
-  std::vector<std::string> events() const {
-    std::vector<std::string> texts;
-    for (const std::string& text : detail()) {
-      if (text.rfind("H.264 unit type: ", 0) != 0) texts.push_back(text);
-    }
-    return texts;
-  }
-
-  std::vector<std::pair<int32_t, std::string>> lines;
-};
 
 // A PES header of 9 bytes that holds a start code itself; the parser must never look at it.
 const std::string kPesHeader("\x00\x00\x01\xE0\x00\x00\x80\x00\x00", 9);
