@@ -39,7 +39,7 @@ std::string int_to_text(int32_t value, int32_t shift) {
   } else {
     size_t places = static_cast<size_t>(shift);
     if (digits.size() <= places) digits.insert(0, places + 1 - digits.size(), '0');
-    digits.insert(digits.size() - places, ".");
+    digits.insert(digits.size() - places, 1, '.');
   }
   return negative ? "-" + digits : digits;
 }
