@@ -67,6 +67,9 @@ class Recorder : public IndexWriter {
   void set_frame_preamble(const std::string& packets) override { preamble = packets; }
   void add_packet(CapturedPacket& captured) override {
     ++packets;
+    transcript += std::to_string(captured.packet.offset) + " " + std::to_string(captured.state) +
+                  (captured.frame_start ? " start" : "") + (captured.ends_frame() ? " end" : "") +
+                  " " + captured.data + "\n";
     if (captured.frame_start) {
       frames.push_back(Frame{tables, preamble, 0, false});
       tables.clear();
@@ -83,6 +86,7 @@ class Recorder : public IndexWriter {
   std::string preamble;
   std::vector<Frame> frames;
   size_t packets = 0;
+  std::string transcript;  // every record as it reached the writer
 };
 
 struct Expected {
@@ -109,16 +113,23 @@ struct Indexed {
   std::string source;
 };
 
-void index(const std::string& fixture, Indexed& out) {
+// byte_by_byte: the parser scans with its straightforward reference loop.
+void index(const std::string& fixture, Indexed& out, bool byte_by_byte = false) {
   out.source = read_file(std::string(VDX_SOURCE_DIR) + "/tests/fixtures/" + fixture);
   ASSERT_GE(out.source.size(), 188000u);
   IndexGenerator generator(&out.writer, true, true, false, false, false, 0, out.dump);
   TSPipeline pipeline;
   pipeline.attach(&generator);
-  for (size_t at = 0; at < out.source.size(); at += 65536) {
-    size_t size = std::min<size_t>(65536, out.source.size() - at);
+  // Packet by packet when the parser's loop is to be chosen: it is made while the PMT is read,
+  // before any video packet reaches it.
+  const size_t chunk = byte_by_byte ? 188 : 65536;
+  for (size_t at = 0; at < out.source.size(); at += chunk) {
+    size_t size = std::min<size_t>(chunk, out.source.size() - at);
     pipeline.read(reinterpret_cast<const unsigned char*>(out.source.data()) + at,
                   static_cast<int32_t>(size));
+    if (byte_by_byte && generator.parser != nullptr) {
+      dynamic_cast<H264Parser&>(*generator.parser).byte_by_byte = true;
+    }
   }
   out.block_count = generator.block_count;
   auto* parser = dynamic_cast<H264Parser*>(generator.parser);
@@ -255,6 +266,26 @@ TEST_P(H264Stream, DumpDecodesWithOneAccessUnitForEachCapturedPicture) {
   std::vector<int> types = nal_types(elementary_stream(run.dump.str(), kVideoPid));
   EXPECT_EQ(std::count(types.begin(), types.end(), 7), e.idr_captures + e.recovery_captures);
   EXPECT_EQ(std::count(types.begin(), types.end(), 8), e.idr_captures + e.recovery_captures);
+}
+
+TEST_P(H264Stream, FastScanGivesTheSameIndexAsTheByteByByteScan) {
+  // One run at a time, so that each catches its own log lines alone.
+  struct Result {
+    std::string transcript;
+    std::string dump;
+    std::vector<std::pair<int32_t, std::string>> lines;
+  };
+  auto result_of = [](const char* fixture, bool byte_by_byte) {
+    Indexed run;
+    index(fixture, run, byte_by_byte);
+    return Result{run.writer.transcript, run.dump.str(), run.log.lines};
+  };
+  Result fast = result_of(GetParam().fixture, false);
+  Result reference = result_of(GetParam().fixture, true);
+  EXPECT_FALSE(reference.transcript.empty());
+  EXPECT_TRUE(fast.transcript == reference.transcript);
+  EXPECT_TRUE(fast.dump == reference.dump);
+  EXPECT_EQ(fast.lines, reference.lines);
 }
 
 // Four seconds at 25 pictures a second. Fixtures made by ffmpeg carry AUDs; the no_aud ones don't.
