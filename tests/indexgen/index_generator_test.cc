@@ -488,6 +488,31 @@ TEST(IndexGenerator, PmtWithMpeg2VideoIsDetectedAndCapturedAsItCame) {
   EXPECT_EQ(h.generator.pmt_packets, pmt_packet_for(mpeg2_pmt(), 6));
 }
 
+TEST(IndexGenerator, PmtWithABadCrcIsDroppedAndTheNextOneIsRead) {
+  Harness h;
+  h.pat();
+  Bytes payload = VdxTest::with_pointer(mpeg2_pmt());
+  payload[payload.size() - 2] ^= 0x80;
+  h.feed(kPmtPid, 0, stuffed(payload), unit_start());
+  EXPECT_EQ(h.generator.video_type, VIDEO_UNKNOWN);
+  EXPECT_TRUE(h.generator.pmt_section.empty());
+  EXPECT_TRUE(h.generator.pmt_packets.empty());
+  h.pmt();
+  EXPECT_EQ(h.generator.video_type, VIDEO_MPEG2);
+}
+
+TEST(IndexGenerator, PmtCutShortWaitsForTheRest) {
+  Harness h;
+  h.pat();
+  Bytes payload = VdxTest::with_pointer(mpeg2_pmt());
+  h.feed(kPmtPid, 0, Bytes(payload.begin(), payload.end() - 1), unit_start());
+  EXPECT_EQ(h.generator.video_type, VIDEO_UNKNOWN);
+  EXPECT_EQ(h.generator.pmt_section.size(), payload.size() - 1);
+  h.feed(kPmtPid, 1, Bytes(payload.end() - 1, payload.end()));
+  EXPECT_EQ(h.generator.video_type, VIDEO_MPEG2);
+  EXPECT_EQ(h.generator.pmt_packets, pmt_packet_for(mpeg2_pmt(), 1));
+}
+
 TEST(IndexGenerator, PmtBeforeThePatIsNotLookedAt) {
   Harness h;
   h.pmt();
