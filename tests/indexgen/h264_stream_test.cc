@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
+#include <random>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -114,9 +115,8 @@ struct Indexed {
 };
 
 // byte_by_byte: the parser scans with its straightforward reference loop.
-void index(const std::string& fixture, Indexed& out, bool byte_by_byte = false) {
-  out.source = read_file(std::string(VDX_SOURCE_DIR) + "/tests/fixtures/" + fixture);
-  ASSERT_GE(out.source.size(), 188000u);
+void index_bytes(const std::string& source, Indexed& out, bool byte_by_byte = false) {
+  out.source = source;
   IndexGenerator generator(&out.writer, true, true, false, false, false, 0, out.dump);
   TSPipeline pipeline;
   pipeline.attach(&generator);
@@ -135,6 +135,39 @@ void index(const std::string& fixture, Indexed& out, bool byte_by_byte = false) 
   auto* parser = dynamic_cast<H264Parser*>(generator.parser);
   ASSERT_NE(parser, nullptr);
   out.frame_num_bits = parser->frame_num_bits;
+}
+
+void index(const std::string& fixture, Indexed& out, bool byte_by_byte = false) {
+  std::string source = read_file(std::string(VDX_SOURCE_DIR) + "/tests/fixtures/" + fixture);
+  ASSERT_GE(source.size(), 188000u);
+  index_bytes(source, out, byte_by_byte);
+}
+
+// A fixture with damage in the video payloads, past any PES header: bytes turned into zeros,
+// ones or anything, and now and then a packet flagged as scrambled.
+std::string damaged(const std::string& fixture, uint32_t seed) {
+  std::string ts = read_file(std::string(VDX_SOURCE_DIR) + "/tests/fixtures/" + fixture);
+  std::mt19937 random(seed);
+  for (size_t at = 0; at + 188 <= ts.size(); at += 188) {
+    auto* p = reinterpret_cast<unsigned char*>(ts.data()) + at;
+    if ((((p[1] & 0x1F) << 8) | p[2]) != kVideoPid || (p[3] & 0x10) == 0) continue;
+    size_t start = 4;
+    if (p[3] & 0x20) start += 1 + p[4];
+    if ((p[1] & 0x40) && start + 9 <= 188) start += 9 + p[start + 8];
+    if (start >= 188) continue;
+    uint32_t pick = random() % 40;
+    if (pick == 0) {
+      p[3] |= 0x80;
+    } else if (pick < 8) {
+      for (int k = 0; k < 3; ++k) {
+        uint32_t kind = random() % 3;
+        p[start + random() % (188 - start)] = kind == 0   ? 0
+                                              : kind == 1 ? 1
+                                                          : static_cast<unsigned char>(random());
+      }
+    }
+  }
+  return ts;
 }
 
 bool in_ci() {
@@ -286,6 +319,34 @@ TEST_P(H264Stream, FastScanGivesTheSameIndexAsTheByteByByteScan) {
   EXPECT_TRUE(fast.transcript == reference.transcript);
   EXPECT_TRUE(fast.dump == reference.dump);
   EXPECT_EQ(fast.lines, reference.lines);
+}
+
+TEST(H264DamagedStream, FastScanGivesTheSameIndexAsTheByteByByteScan) {
+  struct Result {
+    std::string transcript;
+    std::string dump;
+    std::vector<std::pair<int32_t, std::string>> lines;
+  };
+  auto result_of = [](const std::string& source, bool byte_by_byte) {
+    Indexed run;
+    index_bytes(source, run, byte_by_byte);
+    return Result{run.writer.transcript, run.dump.str(), run.log.lines};
+  };
+  size_t captures = 0;
+  for (const char* fixture : {"h264_multi_slice.ts", "h264_no_aud_intra_refresh.ts"}) {
+    for (uint32_t seed = 1; seed <= 3; ++seed) {
+      std::string source = damaged(fixture, seed);
+      Result fast = result_of(source, false);
+      Result reference = result_of(source, true);
+      EXPECT_TRUE(fast.transcript == reference.transcript) << fixture << " " << seed;
+      EXPECT_TRUE(fast.dump == reference.dump) << fixture << " " << seed;
+      EXPECT_EQ(fast.lines, reference.lines) << fixture << " " << seed;
+      for (const auto& line : reference.lines) {
+        if (line.second.rfind("[start ", 0) == 0) ++captures;
+      }
+    }
+  }
+  EXPECT_GT(captures, 6u);
 }
 
 // Four seconds at 25 pictures a second. Fixtures made by ffmpeg carry AUDs; the no_aud ones don't.
