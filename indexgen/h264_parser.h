@@ -1,6 +1,7 @@
 #ifndef VELDRIN_INDEXGEN_H264_PARSER_H
 #define VELDRIN_INDEXGEN_H264_PARSER_H
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
