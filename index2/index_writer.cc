@@ -187,17 +187,17 @@ void IndexWriter::add_inline(const IndexGen::CapturedPacket& captured) {
 }
 
 void IndexWriter::write_group() {
-  // The group leaves pending before it is written: a failing write loses this group only.
-  std::list<Block> group;
-  group.swap(pending);
-  in_group = false;
-  const auto count = static_cast<uint16_t>(group.size());
+  const auto count = static_cast<uint16_t>(pending.size());
   uint16_t index = 0;
-  for (Block& block : group) {
+  for (Block& block : pending) {
     block.count = count;
     block.index = index++;
-    block.write(*writer);
   }
+  // A write that throws leaves the group pending and in_group set: the next frame's blocks join
+  // it, and its end tries the whole again, as the writer has always done.
+  for (const Block& block : pending) block.write(*writer);
+  pending.clear();
+  in_group = false;
 }
 
 void IndexWriter::add_packet(IndexGen::CapturedPacket& captured) {

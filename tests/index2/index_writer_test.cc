@@ -392,9 +392,25 @@ TEST(IndexWriter, BlockSize16WritesTheHeaderAndTheFirstBlockThrows) {
   writer.flush();
   // The fixed fields ahead of the test have gone out.
   EXPECT_EQ(read_file(dir.file("b.vdx2")).size(), 16u + 32u);
-  // A failed group is not carried into the next.
-  EXPECT_TRUE(writer.pending.empty());
-  EXPECT_FALSE(writer.in_group);
+  // The failed group stays pending, and the next frame's end tries it again with a larger count.
+  EXPECT_EQ(writer.pending.size(), 1u);
+  EXPECT_TRUE(writer.in_group);
+  CapturedPacket next = last_of_frame(frame_record(188, 2.0, true));
+  next.frame_start = true;
+  expect_error([&] { writer.add_packet(next); }, 1, "Block data too long");
+  writer.flush();
+  const std::string bytes = read_file(dir.file("b.vdx2"));
+  ASSERT_EQ(bytes.size(), 16u + 32u + 32u);
+  // Both attempts wrote the fixed fields of the same first block: offset 0, NPT 1000 ms,
+  // index 0; its count is 1, then 2.
+  const std::string first(bytes, 16, 32);
+  const std::string second(bytes, 48, 32);
+  EXPECT_EQ(first.substr(0, 16), second.substr(0, 16));
+  EXPECT_EQ(static_cast<unsigned char>(first[8 + 2]), 0x03u);  // 1000 = 0x000003E8
+  EXPECT_EQ(static_cast<unsigned char>(first[8 + 3]), 0xE8u);
+  EXPECT_EQ(first.substr(16, 4), std::string("\x00\x01\x00\x00", 4));
+  EXPECT_EQ(second.substr(16, 4), std::string("\x00\x02\x00\x00", 4));
+  EXPECT_EQ(writer.pending.size(), 2u);
 }
 
 TEST(IndexWriter, BlockSizeBelow16ThrowsAtOpenAfterTheHeaderFields) {
