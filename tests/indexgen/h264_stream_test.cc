@@ -8,7 +8,6 @@
 #include <fstream>
 #include <iterator>
 #include <random>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -204,12 +203,23 @@ TEST_P(H264Stream, DetectsTheStreamAndLogsEveryUnitItScans) {
   // One line for each start code of the video PID, with its type, in order.
   std::vector<int> expected = nal_types(elementary_stream(run.source, kVideoPid));
   std::vector<int> logged;
-  const std::regex line("H\\.264 unit type: ([0-9a-f]+)( REF IDC)? \\(offset: [0-9]+\\)");
+  const std::string prefix = "H.264 unit type: ";
   for (const std::string& text : run.log.detail()) {
-    std::smatch match;
-    if (text.rfind("H.264 unit type: ", 0) != 0) continue;
-    ASSERT_TRUE(std::regex_match(text, match, line)) << text;
-    logged.push_back(std::stoi(match[1], nullptr, 16));
+    if (text.rfind(prefix, 0) != 0) continue;
+    // The line is the prefix, the type in lower-case hexadecimal, an optional " REF IDC", then
+    // " (offset: " and decimal digits and ")".
+    size_t at = prefix.size();
+    size_t digits_end = text.find_first_not_of("0123456789abcdef", at);
+    ASSERT_NE(digits_end, std::string::npos) << text;
+    ASSERT_GT(digits_end, at) << text;
+    std::string rest = text.substr(digits_end);
+    if (rest.rfind(" REF IDC", 0) == 0) rest = rest.substr(8);
+    ASSERT_EQ(rest.rfind(" (offset: ", 0), 0u) << text;
+    rest = rest.substr(10);
+    ASSERT_GE(rest.size(), 2u) << text;
+    EXPECT_EQ(rest.back(), ')') << text;
+    EXPECT_EQ(rest.find_first_not_of("0123456789"), rest.size() - 1) << text;
+    logged.push_back(std::stoi(text.substr(at, digits_end - at), nullptr, 16));
   }
   EXPECT_EQ(logged, expected);
   EXPECT_TRUE(run.log.error().empty());
