@@ -345,6 +345,64 @@ TEST(IndexWriter, AddPcrOutsideAGroupIsWrittenAtOnceWithCountZero) {
   EXPECT_EQ(std::vector<unsigned char>(bytes.begin(), bytes.end()), expected);
 }
 
+TEST(IndexWriter, AddPcrDuringAReferenceRunIsWrittenAheadOfTheFramesBlocks) {
+  TempDir dir;
+  IndexWriter writer(0, 256);
+  ASSERT_TRUE(writer.open(dir.file("r.vdx2"), false, ""));
+  CapturedPacket a = frame_record(1000, 1.0, true);
+  a.frame_start = true;
+  writer.add_packet(a);
+  CapturedPacket b = frame_record(1188, 1.0, false);
+  writer.add_packet(b);
+  // The reference run has left the group: the time point goes to the file at once.
+  writer.add_pcr(1300, 1.5);
+  CapturedPacket c = last_of_frame(frame_record(1376, 1.5, false));
+  writer.add_packet(c);
+  writer.close();
+
+  const std::string bytes = read_file(dir.file("r.vdx2"));
+  ASSERT_EQ(bytes.size(), 768u);
+  std::vector<unsigned char> time_point = {0, 0, 0,    0,    0, 0, 0x05, 0x14,  // offset 1300
+                                           0, 0, 0x05, 0xDC,                    // 1500 ms
+                                           0, 0, 0,    1,                       // NEW-NPT
+                                           0, 0, 0,    0};                      // count 0, index 0
+  time_point.resize(256, 0x00);
+  EXPECT_EQ(std::vector<unsigned char>(bytes.begin() + 256, bytes.begin() + 512), time_point);
+  const std::vector<unsigned char> group_head = {
+      0, 0, 0,    0,    0, 0, 0x03, 0xE8,  // offset 1000
+      0, 0, 0x03, 0xE8,                    // 1000 ms
+      0, 0, 0,    0x0D,                    // NEW-NPT, REF, VIDEO-START
+      0, 1, 0,    0,                       // count 1, index 0
+      0, 0, 0x01, 0x78,                    // ref length 376: across the time point
+      0, 0, 0,    0,    0, 0, 0x04, 0xA4,  // ref offset 1188
+      0, 0, 0,    0xBC};                   // data length 188
+  EXPECT_EQ(std::vector<unsigned char>(bytes.begin() + 512, bytes.begin() + 548), group_head);
+}
+
+TEST(IndexWriter, ReferenceAfterAnAddPcrInAGroupHangsOnTheTimePointsBlock) {
+  TempDir dir;
+  IndexWriter writer(0, 256);
+  ASSERT_TRUE(writer.open(dir.file("h.vdx2"), false, ""));
+  CapturedPacket a = frame_record(0, 1.0, true);
+  a.frame_start = true;
+  writer.add_packet(a);
+  writer.add_pcr(100, 1.5);
+  CapturedPacket b = last_of_frame(frame_record(188, 1.5, false));
+  writer.add_packet(b);
+  writer.close();
+
+  const File file = read_index(dir.file("h.vdx2"));
+  ASSERT_EQ(file.blocks.size(), 2u);
+  EXPECT_EQ(file.blocks[0].flags, FLAG_NEW_NPT | FLAG_VIDEO_START);
+  EXPECT_EQ(file.blocks[0].ref_length, 0u);
+  EXPECT_EQ(file.blocks[1].offset, 100u);
+  EXPECT_EQ(file.blocks[1].flags, FLAG_NEW_NPT | FLAG_REF);
+  EXPECT_EQ(file.blocks[1].ref_offset, 188u);
+  EXPECT_EQ(file.blocks[1].ref_length, 188u);
+  EXPECT_EQ(file.blocks[1].count, 2);
+  EXPECT_EQ(file.blocks[1].index, 1);
+}
+
 TEST(IndexWriter, AddPcrWithNoTimeOrTheSameTimeWritesNothing) {
   TempDir dir;
   IndexWriter writer(0, 256);
