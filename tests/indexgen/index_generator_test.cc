@@ -221,6 +221,20 @@ TEST(IndexGenerator, PcrExactlyTenMillisecondsLaterIsMeasured) {
   EXPECT_EQ(h.generator.max_rate, 150400);
 }
 
+TEST(IndexGenerator, PcrTenSecondsLaterIsMeasuredAndAnyFurtherIsAGap) {
+  Harness h;
+  h.pcr(0);
+  h.pcr(270000000);  // exactly 10 s later
+  EXPECT_TRUE(h.log.lines.empty());
+  EXPECT_EQ(h.generator.duration, 10.0);
+  EXPECT_EQ(h.generator.max_rate, 150);  // 1504 bits in 10 s
+  h.pcr(270000000 + 270000001);          // one tick more than 10 s
+  ASSERT_EQ(h.log.lines.size(), 1u);
+  EXPECT_EQ(h.log.lines[0], "PCR gap of 10 after 10 ignored for rate calculation");
+  EXPECT_EQ(h.generator.duration, 10.0);
+  EXPECT_EQ(h.generator.last_offset, 188u);
+}
+
 TEST(IndexGenerator, EqualPcrIsReportedAsAGap) {
   Harness h;
   h.pcr(27000000);
@@ -473,6 +487,46 @@ TEST(IndexGenerator, SectionGatheredFromAPacketWithoutUnitStartReadsItsFirstByte
 
 // ---------------------------------------------------------------------------------------------
 // PMT
+
+TEST(IndexGenerator, LaterPatMovesOnlyThePatPacketOnceVideoIsKnown) {
+  Harness h;
+  h.pat();
+  h.pmt();
+  const std::string pmt_packets = h.generator.pmt_packets;
+  const Parser* parser = h.generator.parser;
+  h.feed(0, 1, stuffed(VdxTest::with_pointer(VdxTest::pat_section(1, {{1, 0x40}}))), unit_start());
+  EXPECT_EQ(h.generator.pmt_pid, 0x40);
+  EXPECT_EQ(h.generator.pat_packet,
+            as_string(ts_packet(0, 1, VdxTest::with_pointer(VdxTest::pat_section(1, {{1, 0x40}})),
+                                unit_start())));
+  // A PMT on the new PID isn't read: the video stream and the captured PMT stay.
+  h.feed(0x40, 0,
+         stuffed(VdxTest::with_pointer(VdxTest::pmt_section(1, 0x200, {}, {{27, 0x200, {}}}))),
+         unit_start());
+  EXPECT_EQ(h.generator.video_type, VIDEO_MPEG2);
+  EXPECT_EQ(h.generator.video_pid, kVideoPid);
+  EXPECT_EQ(h.generator.pmt_packets, pmt_packets);
+  EXPECT_EQ(h.generator.parser, parser);
+  EXPECT_TRUE(h.generator.pmt_section.empty());
+  ASSERT_EQ(h.log.lines.size(), 3u);
+  EXPECT_EQ(h.log.lines[2], "PMT on PID: 64 (program number: 1)");
+}
+
+TEST(IndexGenerator, VideoAheadOfTheFirstPmtWithVideoIsLost) {
+  Harness h;
+  h.pat();
+  h.pcr(27000000);
+  h.video(0, concat({VdxTest::pes_header(0, -1), kSequenceHeader, kPicture, kPicture}), true);
+  h.video(1, concat({VdxTest::pes_header(0, -1), kSequenceHeader, kPicture, kPicture}), true);
+  EXPECT_TRUE(h.generator.queue.empty());
+  h.pmt();
+  h.video(2, concat({VdxTest::pes_header(0, -1), kSequenceHeader, kPicture, kPicture}), true);
+  h.video(3, concat({VdxTest::pes_header(0, -1), kPicture}), true);
+  std::vector<CapturedPacket> packets = h.writer.packets();
+  ASSERT_EQ(packets.size(), 1u);
+  EXPECT_EQ(packets[0].packet.continuity_counter, 2);
+  EXPECT_EQ(h.generator.block_count, 1);
+}
 
 TEST(IndexGenerator, PmtWithMpeg2VideoIsDetectedAndCapturedAsItCame) {
   Harness h;
@@ -1212,6 +1266,70 @@ TEST(IndexGenerator, PreambleGoesAheadOfTheFrameAndCarriesItsTimeInWholeSeconds)
   EXPECT_EQ(frame.data, as_string(ts_packet(kVideoPid, 1, payload, unit_start())));
   EXPECT_EQ(h.generator.tables, tables + preamble);
   EXPECT_EQ(h.dumped(), tables + preamble + frame.data);
+}
+
+TEST(IndexGenerator, PtsInsertedIntoAFullPacketSpillsIntoASecondPacket) {
+  Harness h(true);
+  h.start_mpeg2();
+  // A full packet: a PES header without stamps or room for them, then the frame.
+  Bytes full = concat(
+      {hex("00 00 01 E0 00 00 80 00 00"), kSequenceHeader, kPicture, repeat(0x44, 184 - 9 - 16)});
+  ASSERT_EQ(full.size(), 184u);
+  h.video(0, full, true);
+  h.video(1, concat({VdxTest::pes_header(0, -1), kPicture}), true);  // ends it at -1 of full
+  h.video(2, concat({VdxTest::pes_header(0, -1), kSlice}), true);
+  std::vector<CapturedPacket> packets = h.writer.packets();
+  ASSERT_EQ(packets.size(), 2u);
+  Bytes payload = concat({hex("00 00 01 E0"), VdxTest::be16(189 - 6), hex("80 80 05"),
+                          VdxTest::time_stamp(2, 45000), kSequenceHeader, kPicture,
+                          repeat(0x44, 184 - 9 - 16)});
+  ASSERT_EQ(payload.size(), 189u);
+  EXPECT_EQ(packets[0].packet.payload, payload);
+  EXPECT_TRUE(packets[0].ends_frame());
+  // The first packet carries PCR and flags and so 176 bytes; the other 13 follow, padded.
+  PacketOptions head = with_pcr(13500000, true);
+  head.discontinuity = true;
+  EXPECT_EQ(
+      packets[0].data,
+      as_string(ts_packet(kVideoPid, 0, Bytes(payload.begin(), payload.begin() + 176), head)) +
+          as_string(ts_packet(kVideoPid, 1, Bytes(payload.begin() + 176, payload.end()))));
+  EXPECT_EQ(h.generator.continuity, 2);
+}
+
+TEST(IndexGenerator, PreambleOfALaterRecordGoesToTheFirstRecordOfItsPesPacket) {
+  Harness h(true);
+  h.start_mpeg2();
+  h.replace_parser([](CapturedPacket& record, size_t index) {
+    if (index != 2) return;
+    record.add_marker(1, false);
+    record.holds_start = true;
+    record.preamble = "PRE";
+    record.add_marker(-1, true);
+  });
+  h.video(0, concat({VdxTest::pes_header(0, 90000), hex("AA AA")}), true);
+  h.video(1, hex("BB BB"));
+  h.video(2, hex("CC DD EE"));
+  h.video(3, concat({VdxTest::pes_header(0, -1), kSlice}), true);
+
+  ASSERT_EQ(h.writer.order(), "TPKKK");
+  const std::string preamble = preamble_packets(as_bytes("PRE"), 0, 0);
+  EXPECT_EQ(h.writer.calls[1].bytes, preamble);
+  std::vector<CapturedPacket> packets = h.writer.packets();
+  ASSERT_EQ(packets.size(), 3u);
+  // The first record carries the header alone, stripped, with no time of its own.
+  Bytes header = stripped_pes_header(14 + 2 - 6, 5);
+  EXPECT_EQ(packets[0].state, PACKET_FRAME);
+  EXPECT_TRUE(packets[0].frame_start);
+  EXPECT_FALSE(packets[0].holds_start);
+  EXPECT_EQ(packets[0].preamble, "PRE");
+  EXPECT_EQ(packets[0].packet.payload, header);
+  EXPECT_EQ(packets[0].packet.pcr, -1.0);
+  EXPECT_FALSE(packets[0].packet.discontinuity);
+  EXPECT_EQ(packets[0].data, as_string(ts_packet(kVideoPid, 1, header, unit_start())));
+  EXPECT_EQ(packets[1].state, PACKET_SKIPPED);
+  EXPECT_EQ(packets[2].state, PACKET_FRAME);
+  EXPECT_EQ(packets[2].packet.payload, hex("DD EE"));
+  EXPECT_EQ(packets[2].data, as_string(ts_packet(kVideoPid, 2, hex("DD EE"))));
 }
 
 TEST(IndexGenerator, LongPreambleRepeatsThePcrInEveryPacket) {
