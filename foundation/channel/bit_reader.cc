@@ -28,7 +28,10 @@ int32_t BitReader::read_exp_golomb() {
 }
 
 int32_t signed_exp_golomb(int32_t code) {
-  int32_t magnitude = static_cast<int32_t>((static_cast<uint32_t>(code) + 1u) >> 1);
+  // code + 1 wraps in 32 bits and stays signed, so the shift is arithmetic: a negative code,
+  // which a run of 31 zeros gives, keeps its sign.
+  const int32_t next = static_cast<int32_t>(static_cast<uint32_t>(code) + 1u);
+  const int32_t magnitude = next >> 1;
   return (code % 2 == 0) ? -magnitude : magnitude;
 }
 

@@ -156,11 +156,28 @@ TEST(SignedExpGolomb, MapsCodesToAlternatingSigns) {
   EXPECT_EQ(signed_exp_golomb(5), 3);
 }
 
-TEST(SignedExpGolomb, ExtremeCodesStayDefined) {
-  EXPECT_EQ(signed_exp_golomb(2147483647), 1073741824);
+TEST(SignedExpGolomb, ExtremeCodesWrapAndShiftAsSignedNumbers) {
+  // 0x7FFFFFFF + 1 wraps to -2^31; shifted right with its sign: -2^30; odd, so kept.
+  EXPECT_EQ(signed_exp_golomb(2147483647), -1073741824);
   EXPECT_EQ(signed_exp_golomb(2147483646), -1073741823);
+  // -1 + 1 is 0.
   EXPECT_EQ(signed_exp_golomb(-1), 0);
-  EXPECT_EQ(signed_exp_golomb(-2), -2147483647);
+  // -2 + 1 is -1, which stays -1 when shifted; even, so negated.
+  EXPECT_EQ(signed_exp_golomb(-2), 1);
+  // -3 + 1 is -2, shifted -1; odd.
+  EXPECT_EQ(signed_exp_golomb(-3), -1);
+  // -2^31 + 1 shifted is -2^30; even, so negated.
+  EXPECT_EQ(signed_exp_golomb(-2147483647 - 1), 1073741824);
+}
+
+TEST(SignedExpGolomb, CodeOfThirtyOneZerosIsNegativeAndKeepsItsSign) {
+  // 31 zeros, a one, 31 suffix bits 0...01: (1 << 31) - 1 + 1 = 0x80000000, taken signed.
+  const unsigned char bytes[] = {0x00, 0x00, 0x00, 0x01, 0x00, 0x00, 0x00, 0x02};
+  BlockReader block(bytes, sizeof bytes);
+  BitReader bits(block);
+  const int32_t code = bits.read_exp_golomb();
+  EXPECT_EQ(code, -2147483647 - 1);
+  EXPECT_EQ(signed_exp_golomb(code), 1073741824);
 }
 
 }  // namespace
