@@ -144,6 +144,23 @@ TEST(H264Parser, ThreeByteStartCodeIsMarkedAtItsFirstZero) {
   EXPECT_EQ(h.record(0).preamble, sps(66, 0) + pps());
 }
 
+TEST(H264Parser, ZerosAheadOfAStartCodeCountAsFourBytesAtMost) {
+  Harness h;
+  Stream s;
+  s.add(sps(66, 0));
+  s.add(pps());
+  s.add(std::string("\0", 1));
+  // With the zero before it, five bytes 00 00 00 00 01: the start code is the last four.
+  size_t first = s.add(idr(0, 4, 0, true));
+  size_t second = s.add(ref_slice(1));
+  h.feed(s.es);
+  EXPECT_EQ(h.marks(),
+            (std::vector<std::string>{h.mark(0, false, first), h.mark(0, true, second - 1)}));
+  // The zero that isn't part of the start code ran into the PPS.
+  EXPECT_EQ(h.parser.pps, pps() + std::string("\0", 1));
+  EXPECT_EQ(h.record(0).preamble, sps(66, 0) + pps() + std::string("\0", 1));
+}
+
 TEST(H264Parser, UnitsKeepTheirStartCodesAndCollectedState) {
   Harness h;
   std::string q = sps(66, 2);
@@ -250,6 +267,57 @@ TEST(H264Parser, StartCodeAcrossPacketsWithoutPreviousStartsTheCaptureWithoutMar
             (std::vector<std::string>{"[start IDR capture]", "[end capture (offset: 0)]"}));
 }
 
+TEST(H264Parser, EndOfCaptureWithoutPreviousRecordPlacesNoMarker) {
+  Harness h;
+  // An IDR capture is open, and the start code of the next slice ran in from before the first
+  // record: its end would lie in a previous record that doesn't exist.
+  h.parser.sps = sps(66, 0);
+  h.parser.pps = pps();
+  h.parser.frame_num_bits = 4;
+  h.parser.state = CAPTURE_IDR;
+  h.parser.last_unit_type = 5;
+  h.parser.last_frame_num = 0;
+  h.parser.prefix_length = 3;
+  h.parser.last_byte = 1;
+  h.feed(ref_slice(1).substr(3));
+  EXPECT_TRUE(h.marks().empty());
+  EXPECT_EQ(h.log.detail(),
+            (std::vector<std::string>{"H.264 unit type: 1 REF IDC (offset: 0)", "[end capture]"}));
+  EXPECT_EQ(h.parser.state, CAPTURE_NONE);
+  EXPECT_EQ(h.parser.capture_end, nullptr);
+}
+
+TEST(H264Parser, SliceStartCodeRightAtTheStartOfARecordIsMarkedInThatRecord) {
+  // Behind a PES header: the first zero is at index h, the NAL header at h + 3.
+  Harness h;
+  h.feed(sps(66, 0) + pps());
+  h.feed(kPesHeader + idr(0) + ref_slice(1), 9);
+  EXPECT_EQ(h.marks(), (std::vector<std::string>{h.mark(1, false, 9),
+                                                 h.mark(1, true, 9 + idr(0).size() - 1)}));
+  EXPECT_TRUE(h.record(1).holds_start);
+  EXPECT_FALSE(h.record(0).holds_start);
+  EXPECT_EQ(h.record(1).preamble, sps(66, 0) + pps());
+  // Without a PES header: the first zero is at index 0.
+  Harness g;
+  g.feed(sps(66, 0) + pps());
+  g.feed(idr(0) + ref_slice(1));
+  EXPECT_EQ(g.marks(),
+            (std::vector<std::string>{g.mark(1, false, 0), g.mark(1, true, idr(0).size() - 1)}));
+  EXPECT_TRUE(g.record(1).holds_start);
+}
+
+TEST(H264Parser, FrameWhoseLastByteIsTheFirstOfARecordEndsInThatRecord) {
+  Harness h;
+  std::string frame = sps(66, 0) + pps() + idr(0);
+  h.feed(frame.substr(0, frame.size() - 1));
+  // One byte of the slice behind the PES header, then the next picture's start code.
+  h.feed(kPesHeader + frame.substr(frame.size() - 1) + ref_slice(1), 9);
+  EXPECT_EQ(h.marks(), (std::vector<std::string>{h.mark(0, false, sps(66, 0).size() + pps().size()),
+                                                 h.mark(1, true, 9)}));
+  EXPECT_EQ(h.log.events(), (std::vector<std::string>{"[start IDR capture (offset: 0)]",
+                                                      "[end capture (offset: 188)]"}));
+}
+
 TEST(H264Parser, PacketWithEmptyPayloadDoesNotBecomePrevious) {
   Harness h;
   std::string head = sps(66, 0) + pps() + std::string("\xAA\x00\x00\x01", 4);
@@ -341,6 +409,31 @@ TEST(H264Parser, RecoveryPointWithCountTwoCapturesThreePictures) {
   EXPECT_EQ(h.marks(), (std::vector<std::string>{h.mark_in_stream(start, false),
                                                  h.mark_in_stream(end - 1, true)}));
   EXPECT_EQ(h.parser.state, CAPTURE_NONE);
+}
+
+TEST(H264Parser, IdrCaptureDropsAPendingRecoveryPoint) {
+  Harness h;
+  Stream s;
+  s.add(sps(66, 0));
+  s.add(pps());
+  s.add(sei(recovery_point(3)));
+  size_t start = s.add(idr(0));
+  size_t end = s.add(ref_slice(1));
+  s.add(ref_slice(2));
+  s.add(ref_slice(3));
+  h.feed(s.es);
+  // The IDR takes the recovery point's place; the reference slices after it start nothing.
+  EXPECT_EQ(h.marks(),
+            (std::vector<std::string>{h.mark(0, false, start), h.mark(0, true, end - 1)}));
+  EXPECT_EQ(h.log.events(), (std::vector<std::string>{
+                                "Recovery Point found in SEI",
+                                "Recovery Point in 3 frames",
+                                "[start IDR capture (offset: 0)]",
+                                "[end capture (offset: 0)]",
+                            }));
+  EXPECT_EQ(h.record(0).preamble, sps(66, 0) + pps() + sei(recovery_point(3)));
+  // Counted down from -1 by the changes to frame_num 2 and 3 outside the capture.
+  EXPECT_EQ(h.parser.recovery_frames, -3);
 }
 
 TEST(H264Parser, RecoveryCountOfElevenIsIgnoredButTheSeiIsKept) {
@@ -599,6 +692,26 @@ TEST(H264Parser, ScrambledPacketIsTakenIntoTheOpenFrameToItsLastByte) {
   EXPECT_EQ(scrambled.state, PACKET_FREE);
 }
 
+TEST(H264Parser, ScrambledPacketWithoutPayloadLeavesThePreviousRecordHeld) {
+  Harness h;
+  // Two slices of one picture: the frame so far ends ahead of the second, in this record.
+  std::string frame = sps(66, 0) + pps() + idr(0) + idr(0, 4, 10);
+  CapturedPacket& first = h.feed(frame);
+  ASSERT_EQ(h.parser.capture_end, &first);
+  CapturedPacket& scrambled = h.feed("", 0, 3);
+  EXPECT_EQ(h.parser.capture_end, &scrambled);
+  // Still the previous record: a start code right at the start of the next payload puts the
+  // frame's end on it, so it must not be given up yet.
+  EXPECT_EQ(h.parser.previous, &first);
+  EXPECT_EQ(first.state, PACKET_HELD);
+  h.feed(ref_slice(1));
+  EXPECT_EQ(h.marks(), (std::vector<std::string>{h.mark(0, false, sps(66, 0).size() + pps().size()),
+                                                 h.mark(0, true, frame.size() - 1)}));
+  EXPECT_TRUE(scrambled.markers.empty());
+  EXPECT_EQ(scrambled.state, PACKET_FREE);
+  EXPECT_EQ(first.state, PACKET_FREE);
+}
+
 TEST(H264Parser, ScrambledPacketLosesTheUnitBeingCollected) {
   Harness h;
   std::string q = sps(66, 0);
@@ -639,7 +752,9 @@ TEST(H264Parser, HighProfileSpsReadsTheScalingMatrixBeforeFrameNum) {
     for (int list = 1; list < 6; ++list) bits.u(1, 0);
     bits.u(1, 1).se(-8);  // list 6: next becomes 0 at once, one code only
     bits.u(1, 1);         // list 7: sixty-four deltas
-    for (int k = 0; k < 64; ++k) bits.se(3);
+    // se(2) is ue(3): had the list been read as sixteen deltas, the seventeenth would give a
+    // frame_num length of 7.
+    for (int k = 0; k < 64; ++k) bits.se(2);
   };
   for (uint8_t profile : {100, 110, 122, 144}) {
     Harness h;
