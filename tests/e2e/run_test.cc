@@ -102,6 +102,32 @@ TEST(Run, SeekPcrOnlyLogsBothLinesAndIndexesEachAcceptedPcr) {
   }
 }
 
+TEST(Run, AlignmentSyncSeekAndPcrLinesComeInThisOrder) {
+  TempDir dir;
+  write_file(dir.file("in.ts"), std::string(100, '\x01') + timed_stream());
+  write_file(dir.file("clean.ts"), timed_stream());
+  RunResult result = run_vdxindex({"-S", "-O", "clean.ts", "in.ts"}, dir.path);
+  EXPECT_EQ(result.status, 0);
+  // The offsets, and with them the rates, are those of the clean copy.
+  EXPECT_EQ(result.err, BANNER +
+                            "Indexing in.ts into in.ts.vdx2\n"
+                            "Aligned with start of TS stream at byte 100\n"
+                            "Syncing to clean.ts for offsets\n"
+                            "Offset index for seek only\n"
+                            "Capturing only PCR timing, not video frames\n"
+                            "Output index format: VDX2\n"
+                            "Creating index of 10 blocks\n"
+                            "Duration:\t1.25\tseconds\n"
+                            "Average rate:\t1203200\tbits/sec\n"
+                            "Maximum rate:\t1203200\tbits/sec\n"
+                            "Minimum rate:\t1203200\tbits/sec\n"
+                            "Done\n");
+  Vdx2File index = parse_vdx2(read_file(dir.file("in.ts.vdx2")));
+  ASSERT_TRUE(index.valid);
+  ASSERT_EQ(index.blocks.size(), 10u);
+  for (size_t j = 1; j <= 10; ++j) EXPECT_EQ(index.blocks[j - 1].offset, j * 18800) << j;
+}
+
 TEST(Run, SeekOnlyLogsItsLineAlone) {
   TempDir dir;
   write_file(dir.file("in.ts"), timed_stream());
