@@ -30,25 +30,32 @@ size=$(stat -c %s "$file")
 out=$(mktemp -d)
 trap 'rm -rf "$out"' EXIT
 
-# Seconds of wall time for a command, its output thrown away.
+# Seconds of wall time for a command, its output thrown away; fails with the command.
 seconds() {
-  local start end
+  local start end status=0
   start=$(date +%s.%N)
-  "$@" >/dev/null 2>&1 || true
+  "$@" >/dev/null 2>&1 || status=$?
   end=$(date +%s.%N)
+  if [[ $status -ne 0 ]]; then
+    echo "failed with status $status: $*" >&2
+    return 1
+  fi
   awk -v a="$start" -v b="$end" 'BEGIN { printf "%.3f", b - a }'
 }
 
 report() {
-  local name=$1 time=$2
+  local name=$1 time
+  shift
+  # A run that failed has no speed worth showing.
+  time=$(seconds "$@") || exit 1
   awk -v n="$name" -v t="$time" -v s="$size" \
     'BEGIN { printf "%-26s %8.2f s %10.1f MB/s\n", n, t, (t > 0 ? s / 1000000 / t : 0) }'
 }
 
 echo "file: $file ($size bytes)"
 # dd first, so that every command reads from a warm cache.
-report "dd bs=64k" "$(seconds dd if="$file" of=/dev/null bs=64k)"
-report "vdxindex (VDX2)" "$(seconds "$build/vdxindex" -q "$file" "$out/index.vdx2")"
-report "vdxindex -f vdx" "$(seconds "$build/vdxindex" -q -f vdx "$file" "$out/index.vdx")"
-report "vdxindex -S" "$(seconds "$build/vdxindex" -q -S "$file" "$out/seek.vdx2")"
-report "ffprobe -show_packets" "$(seconds sh -c "ffprobe -v quiet -show_packets '$file' >/dev/null")"
+report "dd bs=64k" dd if="$file" of=/dev/null bs=64k
+report "vdxindex (VDX2)" "$build/vdxindex" -q "$file" "$out/index.vdx2"
+report "vdxindex -f vdx" "$build/vdxindex" -q -f vdx "$file" "$out/index.vdx"
+report "vdxindex -S" "$build/vdxindex" -q -S "$file" "$out/seek.vdx2"
+report "ffprobe -show_packets" ffprobe -v quiet -show_packets "$file"
