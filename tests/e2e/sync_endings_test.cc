@@ -124,5 +124,37 @@ TEST(SyncEndings, SeekIndexUpToAFailureReachesTheFile) {
   for (size_t j = 1; j <= 4; ++j) EXPECT_EQ(index.blocks[j - 1].offset, j * 18800) << j;
 }
 
+TEST(SyncEndings, FrameFileOfAFailedSyncHoldsEveryFrameWrittenBeforeTheFailure) {
+  TempDir dir;
+  std::string full = read_file(source_path("tests/fixtures/mpeg2_bframes.ts"));
+  // A packet of a PID that the offset file doesn't have, well inside the input and ahead of its
+  // last chunk.
+  size_t at = 2500 * 188;
+  ASSERT_LT(at, full.size() / 65536 * 65536);
+  write_file(dir.file("full.ts"), full);
+  write_file(dir.file("input.ts"), full.substr(0, at) + make_packet(0x1234, 0) + full.substr(at));
+
+  RunResult whole = run_vdxindex({"-IX", "whole.vdf", "full.ts", "whole.vdx2"}, dir.path);
+  ASSERT_EQ(whole.status, 0) << whole.err;
+  RunResult failed =
+      run_vdxindex({"-IX", "failed.vdf", "-O", "full.ts", "input.ts", "failed.vdx2"}, dir.path);
+  ASSERT_EQ(failed.status, 9);
+  EXPECT_EQ(split_lines(failed.err).back(), SYNC_FAILED);
+
+  // The frames written up to the failure, packet by packet, as the whole run wrote them.
+  std::string frames = read_file(dir.file("failed.vdf"));
+  std::string all_frames = read_file(dir.file("whole.vdf"));
+  ASSERT_FALSE(frames.empty());
+  EXPECT_LT(frames.size(), all_frames.size());
+  EXPECT_EQ(frames.size() % 188, 0u);
+  EXPECT_EQ(all_frames.substr(0, frames.size()), frames);
+  // Whatever the index written so far refers to is in the frame file.
+  Vdx2File index = parse_vdx2(read_file(dir.file("failed.vdx2")));
+  ASSERT_TRUE(index.valid);
+  ASSERT_FALSE(index.blocks.empty());
+  for (const Vdx2Block& block : index.blocks)
+    EXPECT_LE(block.ref_offset + block.ref_length, frames.size());
+}
+
 }  // namespace
 }  // namespace Veldrin::Testing
