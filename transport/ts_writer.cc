@@ -1,9 +1,8 @@
 #include "transport/ts_writer.h"
 
 #include <limits>
-#include <sstream>
 
-#include "foundation/channel/stream_writer.h"
+#include "foundation/channel/string_writer.h"
 
 namespace Veldrin::IndexGen {
 
@@ -103,8 +102,9 @@ std::string packetise(const TSPacket& packet, int32_t& continuity) {
   header.continuity_counter = packet.continuity_counter;
   header.offset = packet.offset;
 
-  std::ostringstream stream;
-  Korvix::Channel::StreamWriter writer(stream);
+  std::string out;
+  out.reserve(((packet.payload.size() + 183) / 184 + 1) * TS_PACKET_SIZE);
+  Korvix::Channel::StringWriter writer(out);
   TSWriter ts_writer(writer);
   size_t size = packet.payload.size();
   size_t remaining = size;
@@ -123,7 +123,7 @@ std::string packetise(const TSPacket& packet, int32_t& continuity) {
     header.discontinuity = false;
     header.pcr = -1.0;
   }
-  return stream.str();
+  return out;
 }
 
 }  // namespace Veldrin::IndexGen
