@@ -86,10 +86,10 @@ TEST(CommandLine, NoArgumentsPrintUsageWithStatusOne) {
 }
 
 TEST(CommandLine, ProgramNameInTheUsageIsTheFirstArgumentAsGiven) {
-  RunSpec spec;
-  spec.executable = binary_path("vdxindex");
-  spec.argv0 = "some name";
-  RunResult result = run_program(spec);
+  RunRequest request;
+  request.executable = binary_path("vdxindex");
+  request.argv0 = "some name";
+  RunResult result = run_program(request);
   EXPECT_EQ(result.status, 1);
   expect_usage(result.out, "some name");
 }

@@ -28,10 +28,10 @@ bool in_ci() {
 
 Decoded decode(const std::string& path) {
   Decoded decoded;
-  RunSpec spec;
-  spec.executable = find_program("ffmpeg");
-  spec.args = {"-nostdin", "-v", "error", "-i", path, "-map", "0:v:0", "-f", "framemd5", "-"};
-  RunResult result = run_program(spec);
+  RunRequest request;
+  request.executable = find_program("ffmpeg");
+  request.args = {"-nostdin", "-v", "error", "-i", path, "-map", "0:v:0", "-f", "framemd5", "-"};
+  RunResult result = run_program(request);
   decoded.status = result.status;
   decoded.errors = result.err;
   for (const std::string& line : split_lines(result.out)) {
@@ -40,11 +40,11 @@ Decoded decode(const std::string& path) {
     if (last != std::string::npos) decoded.hashes.push_back(line.substr(last + 2));
   }
 
-  spec.executable = find_program("ffprobe");
-  spec.args = {"-v",  "error",         "-select_streams",
-               "v:0", "-show_entries", "frame=pict_type",
-               "-of", "csv=p=0",       path};
-  result = run_program(spec);
+  request.executable = find_program("ffprobe");
+  request.args = {"-v",  "error",         "-select_streams",
+                  "v:0", "-show_entries", "frame=pict_type",
+                  "-of", "csv=p=0",       path};
+  result = run_program(request);
   if (result.status != 0) decoded.status = result.status;
   decoded.errors += result.err;
   for (const std::string& line : split_lines(result.out)) {
@@ -56,11 +56,11 @@ Decoded decode(const std::string& path) {
 }
 
 RunResult run_vdx2dump(const std::vector<std::string>& args, const std::string& working_dir) {
-  RunSpec spec;
-  spec.executable = binary_path("vdx2dump");
-  spec.args = args;
-  spec.working_dir = working_dir;
-  return run_program(spec);
+  RunRequest request;
+  request.executable = binary_path("vdx2dump");
+  request.args = args;
+  request.working_dir = working_dir;
+  return run_program(request);
 }
 
 std::vector<std::string> mpeg2_fixtures() {

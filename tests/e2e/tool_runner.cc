@@ -52,14 +52,14 @@ void ignore_sigpipe() {
 
 }  // namespace
 
-RunResult run_program(const RunSpec& spec) {
+RunResult run_program(const RunRequest& request) {
   ignore_sigpipe();
 
   // Everything the child needs is prepared before fork: between fork and exec only
   // async-signal-safe calls are made.
   std::vector<std::string> words;
-  words.push_back(spec.argv0 ? *spec.argv0 : spec.executable);
-  words.insert(words.end(), spec.args.begin(), spec.args.end());
+  words.push_back(request.argv0 ? *request.argv0 : request.executable);
+  words.insert(words.end(), request.args.begin(), request.args.end());
   std::vector<char*> argv;
   for (std::string& word : words) argv.push_back(word.data());
   argv.push_back(nullptr);
@@ -68,7 +68,7 @@ RunResult run_program(const RunSpec& spec) {
   Pipe err_pipe;
   std::optional<Pipe> in_pipe;
   int null_fd = -1;
-  if (spec.input) {
+  if (request.input) {
     in_pipe.emplace();
   } else {
     null_fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
@@ -87,8 +87,8 @@ RunResult run_program(const RunSpec& spec) {
       ::_exit(127);
     ::signal(SIGPIPE, SIG_DFL);  // an ignored signal would be inherited across exec
     ::setpgid(0, 0);             // its own group, so that a time-out ends its children too
-    if (!spec.working_dir.empty() && ::chdir(spec.working_dir.c_str()) != 0) ::_exit(127);
-    ::execv(spec.executable.c_str(), argv.data());
+    if (!request.working_dir.empty() && ::chdir(request.working_dir.c_str()) != 0) ::_exit(127);
+    ::execv(request.executable.c_str(), argv.data());
     ::_exit(127);
   }
 
@@ -106,14 +106,14 @@ RunResult run_program(const RunSpec& spec) {
 
   RunResult result;
   const std::string empty;
-  const std::string& input = spec.input ? *spec.input : empty;
+  const std::string& input = request.input ? *request.input : empty;
   size_t written = 0;
   if (in_fd >= 0 && input.empty()) close_fd(in_fd);
 
   int out_fd = out_pipe.read_end;
   int err_fd = err_pipe.read_end;
   const auto deadline =
-      std::chrono::steady_clock::now() + std::chrono::seconds(spec.timeout_seconds);
+      std::chrono::steady_clock::now() + std::chrono::seconds(request.timeout_seconds);
   char chunk[65536];
   while (out_fd >= 0 || err_fd >= 0 || in_fd >= 0) {
     auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
@@ -193,12 +193,12 @@ std::string source_path(const std::string& relative) {
 
 RunResult run_vdxindex(const std::vector<std::string>& args, const std::string& working_dir,
                        const std::optional<std::string>& input) {
-  RunSpec spec;
-  spec.executable = binary_path("vdxindex");
-  spec.args = args;
-  spec.working_dir = working_dir;
-  spec.input = input;
-  return run_program(spec);
+  RunRequest request;
+  request.executable = binary_path("vdxindex");
+  request.args = args;
+  request.working_dir = working_dir;
+  request.input = input;
+  return run_program(request);
 }
 
 std::string read_file(const std::string& path) {

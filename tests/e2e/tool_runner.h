@@ -17,7 +17,7 @@ struct RunResult {
 };
 
 // How to start a child process.
-struct RunSpec {
+struct RunRequest {
   std::string executable;            // path of the program
   std::vector<std::string> args;     // arguments behind argv[0]
   std::string working_dir;           // empty: the test's own
@@ -27,7 +27,7 @@ struct RunSpec {
 };
 
 // Runs the program, feeds its standard input and collects both output streams without deadlock.
-RunResult run_program(const RunSpec& spec);
+RunResult run_program(const RunRequest& request);
 
 // Path of a program built into the build tree, e.g. binary_path("vdxindex").
 std::string binary_path(const std::string& name);

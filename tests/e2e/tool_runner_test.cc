@@ -5,11 +5,11 @@
 namespace Veldrin::Testing {
 namespace {
 
-RunSpec shell(const std::string& script) {
-  RunSpec spec;
-  spec.executable = "/bin/sh";
-  spec.args = {"-c", script};
-  return spec;
+RunRequest shell(const std::string& script) {
+  RunRequest request;
+  request.executable = "/bin/sh";
+  request.args = {"-c", script};
+  return request;
 }
 
 TEST(ToolRunner, LargeInputComesBackWhileStandardErrorIsWritten) {
@@ -17,9 +17,9 @@ TEST(ToolRunner, LargeInputComesBackWhileStandardErrorIsWritten) {
   // together gets to the end.
   std::string input;
   for (int i = 0; i < 3 * 1024 * 1024; ++i) input.push_back(static_cast<char>(i * 7));
-  RunSpec spec = shell("cat; cat /dev/zero | head -c 1000000 >&2; exit 3");
-  spec.input = input;
-  RunResult result = run_program(spec);
+  RunRequest request = shell("cat; cat /dev/zero | head -c 1000000 >&2; exit 3");
+  request.input = input;
+  RunResult result = run_program(request);
   EXPECT_EQ(result.status, 3);
   EXPECT_EQ(result.signal, 0);
   EXPECT_EQ(result.out, input);
@@ -33,24 +33,24 @@ TEST(ToolRunner, WithoutInputStandardInputIsEmpty) {
 }
 
 TEST(ToolRunner, ChildThatIgnoresItsInputDoesNotStopTheRunner) {
-  RunSpec spec = shell("exit 0");
-  spec.input = std::string(4 * 1024 * 1024, 'x');
-  RunResult result = run_program(spec);
+  RunRequest request = shell("exit 0");
+  request.input = std::string(4 * 1024 * 1024, 'x');
+  RunResult result = run_program(request);
   EXPECT_EQ(result.status, 0);
 }
 
 TEST(ToolRunner, RunsInTheGivenDirectory) {
   TempDir dir;
-  RunSpec spec = shell("pwd");
-  spec.working_dir = dir.path;
-  RunResult result = run_program(spec);
+  RunRequest request = shell("pwd");
+  request.working_dir = dir.path;
+  RunResult result = run_program(request);
   EXPECT_EQ(result.out, dir.path + "\n");
 }
 
 TEST(ToolRunner, MissingDirectoryEndsTheChildWith127) {
-  RunSpec spec = shell("exit 0");
-  spec.working_dir = "/nonexistent/directory";
-  EXPECT_EQ(run_program(spec).status, 127);
+  RunRequest request = shell("exit 0");
+  request.working_dir = "/nonexistent/directory";
+  EXPECT_EQ(run_program(request).status, 127);
 }
 
 TEST(ToolRunner, SignalIsReportedInsteadOfStatus) {
@@ -60,9 +60,9 @@ TEST(ToolRunner, SignalIsReportedInsteadOfStatus) {
 }
 
 TEST(ToolRunner, TimeLimitKillsTheChild) {
-  RunSpec spec = shell("sleep 30");
-  spec.timeout_seconds = 1;
-  RunResult result = run_program(spec);
+  RunRequest request = shell("sleep 30");
+  request.timeout_seconds = 1;
+  RunResult result = run_program(request);
   EXPECT_TRUE(result.timed_out);
   EXPECT_EQ(result.signal, 9);
 }
