@@ -10,47 +10,19 @@
 #include <string>
 #include <vector>
 
-#include "foundation/log/channel.h"
-#include "foundation/log/distributor.h"
+#include "support/bytes.h"
+#include "support/log_capture.h"
 
 namespace Veldrin::Index {
 namespace {
 
-// Collects every log line while it lives.
-class LogCapture : public Korvix::Log::Channel {
- public:
-  LogCapture() { Korvix::Log::logger.connect(*this); }
-  ~LogCapture() override { Korvix::Log::logger.disconnect(*this); }
-  void log(Korvix::Log::Message& message) override {
-    lines.push_back({message.level, message.text});
-  }
-  std::vector<std::string> at(int32_t level) const {
-    std::vector<std::string> out;
-    for (const auto& line : lines) {
-      if (line.first == level) out.push_back(line.second);
-    }
-    return out;
-  }
-  std::vector<std::pair<int32_t, std::string>> lines;
-};
+using Testing::be32;
+using Testing::be64;
+using Testing::LogCapture;
+using Testing::read_all;
 
 std::string output_path(const std::string& name) {
   return std::string(VDX_BINARY_DIR) + "/index_file_test_" + name + ".vdx";
-}
-
-std::string read_all(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-uint32_t be32(const std::string& s, size_t at) {
-  uint32_t v = 0;
-  for (size_t i = 0; i < 4; i++) v = (v << 8) | static_cast<unsigned char>(s.at(at + i));
-  return v;
-}
-
-uint64_t be64(const std::string& s, size_t at) {
-  return (static_cast<uint64_t>(be32(s, at)) << 32) | be32(s, at + 4);
 }
 
 TEST(IndexFile, NptIsMillisecondsTruncated) {
