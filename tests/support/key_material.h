@@ -6,7 +6,6 @@
 // committed. A target that uses this header compiles tests/e2e/tool_runner.cc and defines
 // VDX_OPENSSL_COMMAND, the path of the openssl command.
 
-#include <cstdio>
 #include <filesystem>
 #include <memory>
 #include <optional>
