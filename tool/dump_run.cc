@@ -1,0 +1,58 @@
+#include "tool/dump_run.h"
+
+#include <fstream>
+#include <string>
+
+#include "foundation/channel/error.h"
+#include "tool/dump_failure.h"
+#include "tool/dump_options.h"
+#include "tool/index_format.h"
+#include "tool/index_replay.h"
+#include "tool/text_dump.h"
+
+namespace Veldrin::Tool {
+
+namespace {
+
+void run(const DumpOptions& options, std::ostream& out) {
+  std::ifstream in;
+  const IndexFormat format = open_index(in, options.index);
+  try {
+    switch (options.mode) {
+      case DumpMode::REPLAY:
+        replay_index(in, format, options.source, out);
+        break;
+      default:
+        dump_index_text(in, format, out, options.show_inline);
+        break;
+    }
+  } catch (const Korvix::Channel::Error& e) {
+    // "EOF" and "Stream failed" are what a cut file gives.
+    throw DumpFailure{DUMP_BAD_INDEX, options.index + ": damaged or cut short (" + e.text + ")"};
+  }
+}
+
+}  // namespace
+
+int run_vdx2dump(int argc, const char* const* argv, std::ostream& out, std::ostream& err) {
+  const std::string program = argc > 0 ? argv[0] : "vdx2dump";
+  DumpOptions options;
+  const DumpParse parse = parse_dump_options(argc, argv, options, out, err);
+  if (parse.finished) return parse.status;
+
+  try {
+    run(options, out);
+  } catch (const DumpFailure& failure) {
+    out.flush();
+    err << program << ": " << failure.message << "\n";
+    return failure.status;
+  }
+  out.flush();
+  if (!out) {
+    err << program << ": can't write to standard output\n";
+    return DUMP_CANT_OPEN;
+  }
+  return DUMP_OK;
+}
+
+}  // namespace Veldrin::Tool
