@@ -16,6 +16,8 @@ void print_dump_usage(std::ostream& out, const std::string& program) {
       << "  -?  --help             Print this help\n"
       << "  -x  --inline           Also show the inline data of VDX2 blocks and the frame\n"
       << "                         data of VDX blocks as hexadecimal\n"
+      << "  -j  --json             Show the index as one JSON document; NPT in whole\n"
+      << "                         milliseconds. With -x, the data in hexadecimal strings\n"
       << "  -r  --replay <source>  Instead of the dump, write the indexed frames to standard\n"
       << "                         output as a transport stream, the way a player sends them.\n"
       << "                         <source> is the stream that was indexed, or the frame file\n"
@@ -58,6 +60,7 @@ DumpParse parse_dump_options(int argc, const char* const* argv, DumpOptions& opt
   const std::string program = argc > 0 ? argv[0] : "vdx2dump";
   const DumpParse usage_error{true, DUMP_USAGE};
   bool have_index = false;
+  bool replay = false;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     if (arg == "-?" || arg == "--help") {
@@ -66,9 +69,12 @@ DumpParse parse_dump_options(int argc, const char* const* argv, DumpOptions& opt
     }
     if (arg == "-x" || arg == "--inline") {
       options.show_inline = true;
+    } else if (arg == "-j" || arg == "--json") {
+      options.json = true;
     } else if (arg == "-r" || arg == "--replay") {
       if (!take_value(argc, argv, i, program, "the source file", options.source, err))
         return usage_error;
+      replay = true;
       options.mode = DumpMode::REPLAY;
     } else if (arg.size() > 1 && arg[0] == '-') {
       err << program << ": unknown option " << arg << "\n";
@@ -81,6 +87,10 @@ DumpParse parse_dump_options(int argc, const char* const* argv, DumpOptions& opt
       err << program << ": only one index file, please: " << arg << "\n";
       return usage_error;
     }
+  }
+  if (options.json && replay) {
+    err << program << ": --json doesn't go with --replay\n";
+    return usage_error;
   }
   if (!have_index) {
     print_dump_usage(err, program);

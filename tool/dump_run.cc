@@ -8,6 +8,7 @@
 #include "tool/dump_options.h"
 #include "tool/index_format.h"
 #include "tool/index_replay.h"
+#include "tool/json_dump.h"
 #include "tool/text_dump.h"
 
 namespace Veldrin::Tool {
@@ -23,7 +24,10 @@ void run(const DumpOptions& options, std::ostream& out) {
         replay_index(in, format, options.source, out);
         break;
       default:
-        dump_index_text(in, format, out, options.show_inline);
+        if (options.json)
+          dump_index_json(in, format, options.index, out, options.show_inline);
+        else
+          dump_index_text(in, format, out, options.show_inline);
         break;
     }
   } catch (const Korvix::Channel::Error& e) {

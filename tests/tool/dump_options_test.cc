@@ -40,7 +40,7 @@ std::string usage() {
 TEST(DumpOptions, UsageNamesTheProgramAndEveryOption) {
   const std::string text = usage();
   EXPECT_EQ(text.rfind("Usage:\n  vdx2dump [options] <index file>\n", 0), 0u) << text;
-  for (const char* option : {"-?  --help", "-x  --inline", "-r  --replay <source>"})
+  for (const char* option : {"-?  --help", "-x  --inline", "-j  --json", "-r  --replay <source>"})
     EXPECT_NE(text.find(option), std::string::npos) << option;
 }
 
@@ -66,6 +66,22 @@ TEST(DumpOptions, IndexAloneIsTheTextDump) {
 TEST(DumpOptions, InlineMayFollowTheIndexName) {
   EXPECT_TRUE(parse({"x.vdx2", "-x"}).options.show_inline);
   EXPECT_TRUE(parse({"--inline", "x.vdx2"}).options.show_inline);
+}
+
+TEST(DumpOptions, JsonAsksForTheDocumentOfTheDump) {
+  for (const char* json : {"-j", "--json"}) {
+    const Parsed result = parse({json, "x.vdx2"});
+    EXPECT_FALSE(result.parse.finished);
+    EXPECT_TRUE(result.options.json);
+    EXPECT_EQ(result.options.mode, DumpMode::DUMP);
+  }
+}
+
+TEST(DumpOptions, JsonWithReplayIsABadCommandLine) {
+  const Parsed result = parse({"x.vdx2", "-r", "in.ts", "--json"});
+  EXPECT_TRUE(result.parse.finished);
+  EXPECT_EQ(result.parse.status, DUMP_USAGE);
+  EXPECT_EQ(result.err, "vdx2dump: --json doesn't go with --replay\n");
 }
 
 TEST(DumpOptions, ReplayTakesTheSourceName) {
