@@ -16,8 +16,13 @@ void print_dump_usage(std::ostream& out, const std::string& program) {
       << "  -?  --help             Print this help\n"
       << "  -x  --inline           Also show the inline data of VDX2 blocks and the frame\n"
       << "                         data of VDX blocks as hexadecimal\n"
-      << "  -j  --json             Show the index as one JSON document; NPT in whole\n"
-      << "                         milliseconds. With -x, the data in hexadecimal strings\n"
+      << "  -j  --json             Show the index, or the entry point of --at, as one JSON\n"
+      << "                         document; NPT in whole milliseconds\n"
+      << "  -a  --at <seconds>     Instead of the dump, show the entry point that a player\n"
+      << "                         starts from for this normal play time: the last intra\n"
+      << "                         frame at or before it (the first one for an earlier\n"
+      << "                         time), as one line of entry=, block=, position=, npt=,\n"
+      << "                         offset= and, with an external frame file, frame_offset=\n"
       << "  -r  --replay <source>  Instead of the dump, write the indexed frames to standard\n"
       << "                         output as a transport stream, the way a player sends them.\n"
       << "                         <source> is the stream that was indexed, or the frame file\n"
@@ -25,7 +30,8 @@ void print_dump_usage(std::ostream& out, const std::string& program) {
       << "                         index holds its frames itself and doesn't read <source>.\n"
       << "\n"
       << "Exit status: 0 done, 1 bad command line, 2 a file can't be opened or standard\n"
-      << "output can't be written, 3 not an index file, or a damaged or cut one.\n";
+      << "output can't be written, 3 not an index file, a damaged or cut one, or no entry\n"
+      << "point for --at.\n";
 }
 
 bool parse_seconds(const std::string& text, double& seconds) {
@@ -61,6 +67,7 @@ DumpParse parse_dump_options(int argc, const char* const* argv, DumpOptions& opt
   const DumpParse usage_error{true, DUMP_USAGE};
   bool have_index = false;
   bool replay = false;
+  bool at = false;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     if (arg == "-?" || arg == "--help") {
@@ -76,6 +83,15 @@ DumpParse parse_dump_options(int argc, const char* const* argv, DumpOptions& opt
         return usage_error;
       replay = true;
       options.mode = DumpMode::REPLAY;
+    } else if (arg == "-a" || arg == "--at") {
+      std::string text;
+      if (!take_value(argc, argv, i, program, "a time in seconds", text, err)) return usage_error;
+      if (!parse_seconds(text, options.seconds)) {
+        err << program << ": " << arg << " needs a time in seconds, not " << text << "\n";
+        return usage_error;
+      }
+      at = true;
+      options.mode = DumpMode::AT;
     } else if (arg.size() > 1 && arg[0] == '-') {
       err << program << ": unknown option " << arg << "\n";
       print_dump_usage(err, program);
@@ -87,6 +103,10 @@ DumpParse parse_dump_options(int argc, const char* const* argv, DumpOptions& opt
       err << program << ": only one index file, please: " << arg << "\n";
       return usage_error;
     }
+  }
+  if (replay && at) {
+    err << program << ": --replay and --at don't go together; choose one\n";
+    return usage_error;
   }
   if (options.json && replay) {
     err << program << ": --json doesn't go with --replay\n";

@@ -6,6 +6,7 @@
 #include "foundation/channel/error.h"
 #include "tool/dump_failure.h"
 #include "tool/dump_options.h"
+#include "tool/entry_point.h"
 #include "tool/index_format.h"
 #include "tool/index_replay.h"
 #include "tool/json_dump.h"
@@ -15,11 +16,28 @@ namespace Veldrin::Tool {
 
 namespace {
 
+void show_entry_point(std::istream& in, IndexFormat format, const DumpOptions& options,
+                      std::ostream& out) {
+  const EntryPoints points = read_entry_points(in, format);
+  if (points.points.empty()) {
+    // An index of times only, as -S makes it.
+    throw DumpFailure{DUMP_BAD_INDEX, options.index + ": no entry points: no frame is indexed"};
+  }
+  const EntryPoint& point = entry_point_at(points.points, options.seconds);
+  if (options.json)
+    write_entry_point_json(out, options.index, points, point, options.seconds);
+  else
+    write_entry_point_text(out, points, point);
+}
+
 void run(const DumpOptions& options, std::ostream& out) {
   std::ifstream in;
   const IndexFormat format = open_index(in, options.index);
   try {
     switch (options.mode) {
+      case DumpMode::AT:
+        show_entry_point(in, format, options, out);
+        break;
       case DumpMode::REPLAY:
         replay_index(in, format, options.source, out);
         break;

@@ -40,7 +40,8 @@ std::string usage() {
 TEST(DumpOptions, UsageNamesTheProgramAndEveryOption) {
   const std::string text = usage();
   EXPECT_EQ(text.rfind("Usage:\n  vdx2dump [options] <index file>\n", 0), 0u) << text;
-  for (const char* option : {"-?  --help", "-x  --inline", "-j  --json", "-r  --replay <source>"})
+  for (const char* option :
+       {"-?  --help", "-x  --inline", "-j  --json", "-a  --at <seconds>", "-r  --replay <source>"})
     EXPECT_NE(text.find(option), std::string::npos) << option;
 }
 
@@ -75,6 +76,66 @@ TEST(DumpOptions, JsonAsksForTheDocumentOfTheDump) {
     EXPECT_TRUE(result.options.json);
     EXPECT_EQ(result.options.mode, DumpMode::DUMP);
   }
+}
+
+TEST(DumpOptions, AtTakesATimeInSeconds) {
+  for (const char* at : {"-a", "--at"}) {
+    const Parsed result = parse({at, "12.5", "x.vdx2"});
+    EXPECT_FALSE(result.parse.finished);
+    EXPECT_EQ(result.options.mode, DumpMode::AT);
+    EXPECT_EQ(result.options.seconds, 12.5);
+    EXPECT_EQ(result.options.index, "x.vdx2");
+  }
+  EXPECT_TRUE(parse({"--at", "1", "-j", "x.vdx2"}).options.json);
+}
+
+TEST(DumpOptions, AtTakesANegativeTime) {
+  const Parsed result = parse({"x.vdx2", "--at", "-3"});
+  EXPECT_FALSE(result.parse.finished);
+  EXPECT_EQ(result.options.seconds, -3.0);
+}
+
+TEST(DumpOptions, AtWithoutATimeIsABadCommandLine) {
+  const Parsed result = parse({"x.vdx2", "--at"});
+  EXPECT_EQ(result.parse.status, DUMP_USAGE);
+  EXPECT_EQ(result.err, "vdx2dump: --at needs a time in seconds\n");
+}
+
+TEST(DumpOptions, AtWithSomethingElseThanATimeIsABadCommandLine) {
+  const Parsed result = parse({"-a", "12s", "x.vdx2"});
+  EXPECT_EQ(result.parse.status, DUMP_USAGE);
+  EXPECT_EQ(result.err, "vdx2dump: -a needs a time in seconds, not 12s\n");
+}
+
+TEST(DumpOptions, AtWithReplayIsABadCommandLine) {
+  const Parsed result = parse({"-a", "1", "-r", "in.ts", "x.vdx2"});
+  EXPECT_EQ(result.parse.status, DUMP_USAGE);
+  EXPECT_EQ(result.err, "vdx2dump: --replay and --at don't go together; choose one\n");
+}
+
+TEST(DumpOptions, SecondsAreDecimalNumbers) {
+  double seconds = -1.0;
+  EXPECT_TRUE(parse_seconds("0", seconds));
+  EXPECT_EQ(seconds, 0.0);
+  EXPECT_TRUE(parse_seconds("12.5", seconds));
+  EXPECT_EQ(seconds, 12.5);
+  EXPECT_TRUE(parse_seconds("+2", seconds));
+  EXPECT_EQ(seconds, 2.0);
+  EXPECT_TRUE(parse_seconds("-0.25", seconds));
+  EXPECT_EQ(seconds, -0.25);
+  EXPECT_TRUE(parse_seconds("1e3", seconds));
+  EXPECT_EQ(seconds, 1000.0);
+  EXPECT_TRUE(parse_seconds(".5", seconds));
+  EXPECT_EQ(seconds, 0.5);
+}
+
+TEST(DumpOptions, SecondsRefuseWhatIsNoFiniteDecimalNumber) {
+  double seconds = 7.0;
+  for (const char* text : {"", " 1", "1 ", "1s", "abc", "inf", "-inf", "nan", "0x10", "+-1", "++1",
+                           "1e999", "+", "."}) {
+    EXPECT_FALSE(parse_seconds(text, seconds)) << text;
+  }
+  EXPECT_EQ(seconds, 7.0);
 }
 
 TEST(DumpOptions, JsonWithReplayIsABadCommandLine) {
