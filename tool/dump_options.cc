@@ -23,6 +23,9 @@ void print_dump_usage(std::ostream& out, const std::string& program) {
       << "                         frame at or before it (the first one for an earlier\n"
       << "                         time), as one line of entry=, block=, position=, npt=,\n"
       << "                         offset= and, with an external frame file, frame_offset=\n"
+      << "  -c  --check <source>   Instead of the dump, check the index against the\n"
+      << "                         recording it describes: one line a problem, then a\n"
+      << "                         summary. <source> is as for --replay.\n"
       << "  -r  --replay <source>  Instead of the dump, write the indexed frames to standard\n"
       << "                         output as a transport stream, the way a player sends them.\n"
       << "                         <source> is the stream that was indexed, or the frame file\n"
@@ -31,7 +34,7 @@ void print_dump_usage(std::ostream& out, const std::string& program) {
       << "\n"
       << "Exit status: 0 done, 1 bad command line, 2 a file can't be opened or standard\n"
       << "output can't be written, 3 not an index file, a damaged or cut one, or no entry\n"
-      << "point for --at.\n";
+      << "point for --at, 4 --check found problems.\n";
 }
 
 bool parse_seconds(const std::string& text, double& seconds) {
@@ -68,6 +71,7 @@ DumpParse parse_dump_options(int argc, const char* const* argv, DumpOptions& opt
   bool have_index = false;
   bool replay = false;
   bool at = false;
+  bool check = false;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     if (arg == "-?" || arg == "--help") {
@@ -83,6 +87,11 @@ DumpParse parse_dump_options(int argc, const char* const* argv, DumpOptions& opt
         return usage_error;
       replay = true;
       options.mode = DumpMode::REPLAY;
+    } else if (arg == "-c" || arg == "--check") {
+      if (!take_value(argc, argv, i, program, "the source file", options.source, err))
+        return usage_error;
+      check = true;
+      options.mode = DumpMode::CHECK;
     } else if (arg == "-a" || arg == "--at") {
       std::string text;
       if (!take_value(argc, argv, i, program, "a time in seconds", text, err)) return usage_error;
@@ -104,12 +113,12 @@ DumpParse parse_dump_options(int argc, const char* const* argv, DumpOptions& opt
       return usage_error;
     }
   }
-  if (replay && at) {
-    err << program << ": --replay and --at don't go together; choose one\n";
+  if (int{replay} + int{at} + int{check} > 1) {
+    err << program << ": --replay, --at and --check don't go together; choose one\n";
     return usage_error;
   }
-  if (options.json && replay) {
-    err << program << ": --json doesn't go with --replay\n";
+  if (options.json && (replay || check)) {
+    err << program << ": --json goes with the dump and --at only\n";
     return usage_error;
   }
   if (!have_index) {

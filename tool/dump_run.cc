@@ -1,5 +1,7 @@
 #include "tool/dump_run.h"
 
+#include <cerrno>
+#include <cstring>
 #include <fstream>
 #include <string>
 
@@ -7,9 +9,11 @@
 #include "tool/dump_failure.h"
 #include "tool/dump_options.h"
 #include "tool/entry_point.h"
+#include "tool/index_check.h"
 #include "tool/index_format.h"
 #include "tool/index_replay.h"
 #include "tool/json_dump.h"
+#include "tool/source_file.h"
 #include "tool/text_dump.h"
 
 namespace Veldrin::Tool {
@@ -30,11 +34,24 @@ void show_entry_point(std::istream& in, IndexFormat format, const DumpOptions& o
     write_entry_point_text(out, points, point);
 }
 
-void run(const DumpOptions& options, std::ostream& out) {
+DumpStatus check(std::istream& in, IndexFormat format, const DumpOptions& options,
+                 std::ostream& out) {
+  SourceFile source;
+  if (!source.open(options.source)) {
+    throw DumpFailure{DUMP_CANT_OPEN,
+                      "can't open source " + options.source + ": " + std::strerror(errno)};
+  }
+  const CheckReport report = check_index(in, format, options.index, source, options.source, out);
+  return report.problems == 0 ? DUMP_OK : DUMP_PROBLEMS;
+}
+
+DumpStatus run(const DumpOptions& options, std::ostream& out) {
   std::ifstream in;
   const IndexFormat format = open_index(in, options.index);
   try {
     switch (options.mode) {
+      case DumpMode::CHECK:
+        return check(in, format, options, out);
       case DumpMode::AT:
         show_entry_point(in, format, options, out);
         break;
@@ -48,6 +65,7 @@ void run(const DumpOptions& options, std::ostream& out) {
           dump_index_text(in, format, out, options.show_inline);
         break;
     }
+    return DUMP_OK;
   } catch (const Korvix::Channel::Error& e) {
     // "EOF" and "Stream failed" are what a cut file gives.
     throw DumpFailure{DUMP_BAD_INDEX, options.index + ": damaged or cut short (" + e.text + ")"};
@@ -62,8 +80,9 @@ int run_vdx2dump(int argc, const char* const* argv, std::ostream& out, std::ostr
   const DumpParse parse = parse_dump_options(argc, argv, options, out, err);
   if (parse.finished) return parse.status;
 
+  DumpStatus status = DUMP_OK;
   try {
-    run(options, out);
+    status = run(options, out);
   } catch (const DumpFailure& failure) {
     out.flush();
     err << program << ": " << failure.message << "\n";
@@ -74,7 +93,7 @@ int run_vdx2dump(int argc, const char* const* argv, std::ostream& out, std::ostr
     err << program << ": can't write to standard output\n";
     return DUMP_CANT_OPEN;
   }
-  return DUMP_OK;
+  return status;
 }
 
 }  // namespace Veldrin::Tool

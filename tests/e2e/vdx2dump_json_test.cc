@@ -237,7 +237,7 @@ TEST(Vdx2DumpJson, JsonDoesNotGoWithReplay) {
   RunResult result = run_vdx2dump({"-j", "-r", "a.ts", "a.vdx2"});
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.out, "");
-  EXPECT_EQ(result.err, vdx2dump_path() + ": --json doesn't go with --replay\n");
+  EXPECT_EQ(result.err, vdx2dump_path() + ": --json goes with the dump and --at only\n");
 }
 
 }  // namespace

@@ -40,8 +40,8 @@ std::string usage() {
 TEST(DumpOptions, UsageNamesTheProgramAndEveryOption) {
   const std::string text = usage();
   EXPECT_EQ(text.rfind("Usage:\n  vdx2dump [options] <index file>\n", 0), 0u) << text;
-  for (const char* option :
-       {"-?  --help", "-x  --inline", "-j  --json", "-a  --at <seconds>", "-r  --replay <source>"})
+  for (const char* option : {"-?  --help", "-x  --inline", "-j  --json", "-a  --at <seconds>",
+                             "-c  --check <source>", "-r  --replay <source>"})
     EXPECT_NE(text.find(option), std::string::npos) << option;
 }
 
@@ -110,7 +110,7 @@ TEST(DumpOptions, AtWithSomethingElseThanATimeIsABadCommandLine) {
 TEST(DumpOptions, AtWithReplayIsABadCommandLine) {
   const Parsed result = parse({"-a", "1", "-r", "in.ts", "x.vdx2"});
   EXPECT_EQ(result.parse.status, DUMP_USAGE);
-  EXPECT_EQ(result.err, "vdx2dump: --replay and --at don't go together; choose one\n");
+  EXPECT_EQ(result.err, "vdx2dump: --replay, --at and --check don't go together; choose one\n");
 }
 
 TEST(DumpOptions, SecondsAreDecimalNumbers) {
@@ -138,11 +138,34 @@ TEST(DumpOptions, SecondsRefuseWhatIsNoFiniteDecimalNumber) {
   EXPECT_EQ(seconds, 7.0);
 }
 
+TEST(DumpOptions, CheckTakesTheSourceName) {
+  for (const char* check : {"-c", "--check"}) {
+    const Parsed result = parse({"x.vdx2", check, "in.ts"});
+    EXPECT_FALSE(result.parse.finished);
+    EXPECT_EQ(result.options.mode, DumpMode::CHECK);
+    EXPECT_EQ(result.options.source, "in.ts");
+    EXPECT_EQ(result.options.index, "x.vdx2");
+  }
+}
+
+TEST(DumpOptions, CheckWithoutItsSourceIsABadCommandLine) {
+  const Parsed result = parse({"x.vdx2", "--check"});
+  EXPECT_EQ(result.parse.status, DUMP_USAGE);
+  EXPECT_EQ(result.err, "vdx2dump: --check needs the source file\n");
+}
+
+TEST(DumpOptions, CheckWithAtOrJsonIsABadCommandLine) {
+  EXPECT_EQ(parse({"-c", "in.ts", "-a", "1", "x.vdx2"}).err,
+            "vdx2dump: --replay, --at and --check don't go together; choose one\n");
+  EXPECT_EQ(parse({"-c", "in.ts", "-j", "x.vdx2"}).err,
+            "vdx2dump: --json goes with the dump and --at only\n");
+}
+
 TEST(DumpOptions, JsonWithReplayIsABadCommandLine) {
   const Parsed result = parse({"x.vdx2", "-r", "in.ts", "--json"});
   EXPECT_TRUE(result.parse.finished);
   EXPECT_EQ(result.parse.status, DUMP_USAGE);
-  EXPECT_EQ(result.err, "vdx2dump: --json doesn't go with --replay\n");
+  EXPECT_EQ(result.err, "vdx2dump: --json goes with the dump and --at only\n");
 }
 
 TEST(DumpOptions, ReplayTakesTheSourceName) {
