@@ -11,6 +11,7 @@
 #include "foundation/log/stream.h"
 #include "indexgen/h264_parser.h"
 #include "indexgen/mpeg2_parser.h"
+#include "transport/clock.h"
 #include "transport/pes.h"
 #include "transport/section_reader.h"
 #include "transport/section_writer.h"
@@ -28,40 +29,13 @@ constexpr double PCR_HALF_WRAP = 47721.858827777774;
 constexpr double PCR_GAP_MIN = 0.01;
 constexpr double PCR_GAP_MAX = 10.0;
 
-constexpr uint16_t PAT_PID = 0;
-constexpr uint16_t CAT_PID = 1;
-constexpr uint8_t STREAM_TYPE_MPEG2 = 2;
-constexpr uint8_t STREAM_TYPE_H264 = 27;
-constexpr uint8_t CA_DESCRIPTOR_TAG = 9;
 
-// PES header offsets within a payload.
-constexpr size_t PES_LENGTH_INDEX = 4;
-constexpr size_t PES_FLAGS_INDEX = 7;
-constexpr size_t PES_HEADER_DATA_LENGTH_INDEX = 8;
-constexpr size_t PES_FIXED_HEADER_SIZE = 9;
-constexpr size_t PES_TIME_STAMP_SIZE = 5;
-constexpr unsigned char PES_PTS_FLAG = 0x80;
-constexpr unsigned char PES_DTS_FLAG = 0x40;
 
 // What a double gives as a signed 32-bit number: out of range or not a number gives the
 // lowest value, as the hardware conversion does.
 int32_t to_int32(double value) {
   if (!(value > -2147483649.0 && value < 2147483648.0)) return INT32_MIN;
   return static_cast<int32_t>(value);
-}
-
-// The header fields of a packet, without its payload.
-TSPacket header_fields(const TSPacket& packet) {
-  TSPacket header;
-  header.pid = packet.pid;
-  header.payload_unit_start = packet.payload_unit_start;
-  header.discontinuity = packet.discontinuity;
-  header.random_access = packet.random_access;
-  header.scrambling_control = packet.scrambling_control;
-  header.pcr = packet.pcr;
-  header.continuity_counter = packet.continuity_counter;
-  header.offset = packet.offset;
-  return header;
 }
 
 // Writes a section into a buffer of the largest size a section can take; gives its bytes.
@@ -281,8 +255,8 @@ void IndexGenerator::handle_pmt(const TSPacket& packet) {
   video_type = VIDEO_UNKNOWN;
   std::list<PMTStream> kept;
   for (const PMTStream& stream : pmt.streams) {
-    if (stream.stream_type == STREAM_TYPE_MPEG2 || stream.stream_type == STREAM_TYPE_H264) {
-      video_type = stream.stream_type == STREAM_TYPE_MPEG2 ? VIDEO_MPEG2 : VIDEO_H264;
+    if (stream.stream_type == STREAM_TYPE_MPEG2_VIDEO || stream.stream_type == STREAM_TYPE_H264_VIDEO) {
+      video_type = stream.stream_type == STREAM_TYPE_MPEG2_VIDEO ? VIDEO_MPEG2 : VIDEO_H264;
       video_pid = stream.pid;
       kept.push_back(stream);
     }
@@ -529,8 +503,8 @@ bool strip_time_stamps(CapturedPacket& record) {
   }
   const unsigned char flags = payload[PES_FLAGS_INDEX];
   size_t removed = 0;
-  if (flags & PES_PTS_FLAG) removed += PES_TIME_STAMP_SIZE;
-  if (flags & PES_DTS_FLAG) removed += PES_TIME_STAMP_SIZE;
+  if (flags & PES_PTS_FLAG) removed += TIME_STAMP_SIZE;
+  if (flags & PES_DTS_FLAG) removed += TIME_STAMP_SIZE;
   if (PES_FIXED_HEADER_SIZE + removed > payload.size()) return false;
 
   // The rest of the header moves down; the header keeps its length and ends in stuffing. A
@@ -574,11 +548,11 @@ void apply_markers(CapturedPacket& record) {
 bool insert_pts(CapturedPacket& record) {
   std::vector<unsigned char>& payload = record.packet.payload;
   if (record.packet.pcr < 0.0 || record.pes_header_length == 0 ||
-      payload.size() < PES_FIXED_HEADER_SIZE + PES_TIME_STAMP_SIZE) {
+      payload.size() < PES_FIXED_HEADER_SIZE + TIME_STAMP_SIZE) {
     return false;
   }
-  const size_t extra = record.freed_header_bytes < PES_TIME_STAMP_SIZE
-                           ? PES_TIME_STAMP_SIZE - static_cast<size_t>(record.freed_header_bytes)
+  const size_t extra = record.freed_header_bytes < TIME_STAMP_SIZE
+                           ? TIME_STAMP_SIZE - static_cast<size_t>(record.freed_header_bytes)
                            : 0;
   const size_t header_data = payload[PES_HEADER_DATA_LENGTH_INDEX];
   const size_t header = extra + header_data;
@@ -592,15 +566,12 @@ bool insert_pts(CapturedPacket& record) {
     std::memmove(payload.data() + es_start + extra, payload.data() + es_start, old_size - es_start);
   }
   // The rest of the header moves behind the stamp; trailing stuffing falls away.
-  const size_t moved = header > PES_TIME_STAMP_SIZE ? header - PES_TIME_STAMP_SIZE : 0;
-  std::memmove(payload.data() + PES_FIXED_HEADER_SIZE + PES_TIME_STAMP_SIZE,
+  const size_t moved = header > TIME_STAMP_SIZE ? header - TIME_STAMP_SIZE : 0;
+  std::memmove(payload.data() + PES_FIXED_HEADER_SIZE + TIME_STAMP_SIZE,
                payload.data() + PES_FIXED_HEADER_SIZE, moved);
 
-  const uint64_t ticks = static_cast<uint64_t>(record.packet.pcr * 90000.0);
-  Korvix::Channel::BlockWriter block(payload.data() + PES_FIXED_HEADER_SIZE, PES_TIME_STAMP_SIZE);
-  block.write_byte(0x21 | ((ticks >> 29) & 0x0E));
-  block.write_nbo_32(
-      static_cast<uint32_t>((((ticks * 4) & 0xFFFE0000) | ((ticks * 2) & 0xFFFF)) | 0x10001));
+  Korvix::Channel::BlockWriter block(payload.data() + PES_FIXED_HEADER_SIZE, TIME_STAMP_SIZE);
+  write_time_stamp(block, PREFIX_PTS_ONLY, record.packet.pcr);
 
   payload[PES_FLAGS_INDEX] |= PES_PTS_FLAG;
   payload[PES_HEADER_DATA_LENGTH_INDEX] = static_cast<unsigned char>(header_data + extra);

@@ -70,7 +70,7 @@ int run(int argc, char** argv) {
   const std::string program = argc > 0 && argv[0] != nullptr ? argv[0] : "";
   if (argc <= 1) {
     print_usage(std::cout, program);
-    return 1;
+    return STATUS_USAGE;
   }
 
   Settings settings;
@@ -84,7 +84,7 @@ int run(int argc, char** argv) {
 
   if (!take_names(argc, argv, outcome.next, settings)) {
     print_usage(std::cout, program);
-    return 1;
+    return STATUS_USAGE;
   }
 
   log.summary << BANNER << std::endl;
@@ -101,11 +101,11 @@ int run(int argc, char** argv) {
     if (input_file->fail()) {
       int error = errno;
       log.error << "Can't open input file: " << std::strerror(error) << std::endl;
-      return 2;
+      return STATUS_CANT_OPEN;
     }
     if (!align_stream(*input_file, settings.start_offset)) {
       log.error << "Could not align to start of TS stream - aborting" << std::endl;
-      return 6;
+      return STATUS_NO_ALIGNMENT;
     }
     input = input_file.get();
   }
@@ -139,7 +139,7 @@ int run(int argc, char** argv) {
   if (!opened) {
     int error = errno;
     log.error << "Can't open output file: " << std::strerror(error) << std::endl;
-    return 2;
+    return STATUS_CANT_OPEN;
   }
 
   IndexGen::IndexGenerator generator(run_writer.get(), settings.include_tables, settings.dump,
@@ -154,7 +154,7 @@ int run(int argc, char** argv) {
     if (!sync->open(settings.offset_file)) {
       log.error << "Could not open offset sync file: " << settings.offset_file << std::endl;
       run_writer.flush();
-      return 7;
+      return STATUS_NO_OFFSET_FILE;
     }
     last->attach(sync.get());
     last = sync.get();
@@ -183,7 +183,7 @@ int run(int argc, char** argv) {
         if (!input->eof()) {
           log.error << "Could not synchronise with offset file. Aborting." << std::endl;
           run_writer.flush();
-          return 9;
+          return STATUS_SYNC_LOST;
         }
       }
     }
@@ -205,7 +205,7 @@ int run(int argc, char** argv) {
   input_file.reset();
 
   log.summary << "Done" << std::endl;
-  return 0;
+  return STATUS_OK;
 }
 
 }  // namespace Veldrin::Tool

@@ -16,13 +16,14 @@
 #include "index/index_file.h"
 #include "index/index_reader.h"
 #include "index2/block.h"
+#include "tool/exit_status.h"
 
 namespace {
 
-constexpr int STATUS_OK = 0;
-constexpr int STATUS_USAGE = 1;
-constexpr int STATUS_CANT_OPEN = 2;
-constexpr int STATUS_BAD_INDEX = 3;
+using Veldrin::Tool::STATUS_BAD_INDEX;
+using Veldrin::Tool::STATUS_CANT_OPEN;
+using Veldrin::Tool::STATUS_OK;
+using Veldrin::Tool::STATUS_USAGE;
 
 constexpr size_t COPY_CHUNK = 65536;
 

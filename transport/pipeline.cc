@@ -49,7 +49,7 @@ bool TSPipeline::read_packet(Korvix::Channel::Reader& reader, TSPacket& packet) 
     error << "Could not read TS header" << std::endl;
     return false;
   }
-  if (payload_length < 0 || payload_length > 184) {
+  if (payload_length < 0 || payload_length > TS_PAYLOAD_MAX) {
     Korvix::Log::Error error;
     error << "Bad TS payload size" << std::endl;
     return false;
