@@ -8,6 +8,7 @@
 #include "foundation/channel/block_reader.h"
 #include "foundation/channel/block_writer.h"
 #include "foundation/channel/stream_writer.h"
+#include "foundation/channel/string_writer.h"
 #include "foundation/log/stream.h"
 #include "indexgen/h264_parser.h"
 #include "indexgen/mpeg2_parser.h"
@@ -15,6 +16,7 @@
 #include "transport/pes.h"
 #include "transport/section_reader.h"
 #include "transport/section_writer.h"
+#include "transport/table_packets.h"
 #include "transport/sections.h"
 #include "transport/ts_writer.h"
 
@@ -36,29 +38,6 @@ constexpr double PCR_GAP_MAX = 10.0;
 int32_t to_int32(double value) {
   if (!(value > -2147483649.0 && value < 2147483648.0)) return INT32_MIN;
   return static_cast<int32_t>(value);
-}
-
-// Writes a section into a buffer of the largest size a section can take; gives its bytes.
-template <typename Section>
-std::string written_section(const Section& section) {
-  unsigned char buffer[SECTION_BUFFER_SIZE];
-  Korvix::Channel::BlockWriter block(buffer, sizeof buffer);
-  SectionWriter writer(block);
-  writer.write(section);
-  return std::string(reinterpret_cast<const char*>(buffer), static_cast<size_t>(block.offset));
-}
-
-// Appends a payload to the gathered bytes of a table PID and reads a section from the start.
-// Bytes are kept while the section is incomplete; otherwise the buffer is emptied.
-template <typename Section>
-int32_t gather_section(std::string& gathered, const TSPacket& packet, Section& section) {
-  gathered.append(reinterpret_cast<const char*>(packet.payload.data()), packet.payload.size());
-  Korvix::Channel::BlockReader block(reinterpret_cast<const unsigned char*>(gathered.data()),
-                                     gathered.size());
-  SectionReader reader(block);
-  int32_t status = reader.read(section);
-  if (status != SECTION_INCOMPLETE) gathered.clear();
-  return status;
 }
 
 // Deletes count bytes from index at on, within the bounds of the payload.
@@ -212,7 +191,7 @@ bool IndexGenerator::dispatch(const TSPacket& packet) {
 
 void IndexGenerator::handle_pat(const TSPacket& packet) {
   PATSection pat;
-  if (gather_section(pat_section, packet, pat) != SECTION_GOOD) return;
+  if (pat_section.add(packet.payload, pat) != SECTION_GOOD) return;
   if (!pat.current_next) return;
 
   // Keep the lowest program that isn't the network PID entry.
@@ -224,22 +203,13 @@ void IndexGenerator::handle_pat(const TSPacket& packet) {
   pmt_pid = pid;
   program_number = number;
 
-  const std::string section = written_section(pat);
-  pat_packet.assign(TS_PACKET_SIZE, '\0');
-  Korvix::Channel::BlockWriter block(reinterpret_cast<unsigned char*>(pat_packet.data()),
-                                     pat_packet.size());
-  TSWriter writer_(block);
-  TSPacket prototype = header_fields(packet);
-  prototype.payload_unit_start = true;
-  int32_t remaining = static_cast<int32_t>(section.size());
-  int32_t counter = packet.continuity_counter;
-  writer_.write_packet(prototype, reinterpret_cast<const unsigned char*>(section.data()), remaining,
-                       counter);
+  // The one-program section always fits one packet.
+  pat_packet = table_packets(packet, written_section(pat));
 }
 
 void IndexGenerator::handle_pmt(const TSPacket& packet) {
   PMTSection pmt;
-  if (gather_section(pmt_section, packet, pmt) != SECTION_GOOD) return;
+  if (pmt_section.add(packet.payload, pmt) != SECTION_GOOD) return;
   if (pmt.id != program_number) return;
 
   if (ca_pid == 0) {
@@ -269,51 +239,25 @@ void IndexGenerator::handle_pmt(const TSPacket& packet) {
     pmt.pcr_pid = video_pid;
     pmt.streams = std::move(kept);
   }
-  const std::string section = written_section(pmt);
-  pmt_packets = section_packets(packet, reinterpret_cast<const unsigned char*>(section.data()),
-                                static_cast<int32_t>(section.size()));
+  pmt_packets = table_packets(packet, written_section(pmt));
 }
 
 void IndexGenerator::handle_cat(const TSPacket& packet) {
   CATSection cat;
-  if (gather_section(cat_section, packet, cat) != SECTION_GOOD) return;
+  if (cat_section.add(packet.payload, cat) != SECTION_GOOD) return;
   if (!cat.current_next) return;
-  const std::string section = written_section(cat);
-  cat_packets = section_packets(packet, reinterpret_cast<const unsigned char*>(section.data()),
-                                static_cast<int32_t>(section.size()));
-}
-
-std::string IndexGenerator::section_packets(const TSPacket& packet, const unsigned char* section,
-                                            int32_t length) {
-  std::ostringstream out;
-  Korvix::Channel::StreamWriter stream(out);
-  TSWriter writer_(stream);
-  int32_t done = 0;
-  while (done < length) {
-    // Every packet starts from the input's header fields and its continuity counter.
-    TSPacket prototype = header_fields(packet);
-    prototype.payload_unit_start = true;
-    int32_t counter = packet.continuity_counter;
-    int32_t remaining = length - done;
-    if (!writer_.write_packet(prototype, section + done, remaining, counter)) break;
-    if (remaining <= 0) break;
-    done += remaining;
-  }
-  return out.str();
+  cat_packets = table_packets(packet, written_section(cat));
 }
 
 void IndexGenerator::capture_ca(const TSPacket& packet) {
-  std::ostringstream out;
-  Korvix::Channel::StreamWriter stream(out);
-  TSWriter writer_(stream);
-  int32_t remaining = static_cast<int32_t>(packet.payload.size());
-  int32_t counter = packet.continuity_counter;
-  writer_.write_packet(header_fields(packet), packet.payload.data(), remaining, counter);
+  std::string image;
+  Korvix::Channel::StringWriter string_writer(image);
+  TSWriter(string_writer).write_record(packet);
   if (ca_packet.empty()) {
     Korvix::Log::Summary summary;
     summary << "Capturing CA data from PID: " << ca_pid << std::endl;
   }
-  ca_packet = out.str();
+  ca_packet = std::move(image);
 }
 
 int32_t IndexGenerator::capture(CapturedPacket& record) {

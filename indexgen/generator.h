@@ -10,6 +10,7 @@
 #include "indexgen/index_writer.h"
 #include "indexgen/parser.h"
 #include "transport/pipe.h"
+#include "transport/section_assembler.h"
 
 namespace Veldrin::IndexGen {
 
@@ -50,11 +51,11 @@ class IndexGenerator : public TSPipe {
   uint16_t video_pid = 0;
   VideoType video_type = VIDEO_UNKNOWN;
   uint16_t ca_pid;
-  std::string pat_section;
+  SectionAssembler pat_section;
   std::string pat_packet;
-  std::string pmt_section;
+  SectionAssembler pmt_section;
   std::string pmt_packets;
-  std::string cat_section;
+  SectionAssembler cat_section;
   std::string cat_packets;
   std::string ca_packet;
   std::string tables;
@@ -78,9 +79,6 @@ class IndexGenerator : public TSPipe {
   void handle_pmt(const TSPacket& packet);
   void handle_cat(const TSPacket& packet);
   void capture_ca(const TSPacket& packet);
-  // Cuts a written section into whole packets, each carrying the input's header fields.
-  static std::string section_packets(const TSPacket& packet, const unsigned char* section,
-                                     int32_t length);
 
   // Frame capture of a record already at the end of the queue; gives the frames started.
   int32_t capture(CapturedPacket& record);

@@ -1,6 +1,7 @@
 #ifndef VELDRIN_TRANSPORT_SECTIONS_H
 #define VELDRIN_TRANSPORT_SECTIONS_H
 
+#include <cstddef>
 #include <cstdint>
 #include <list>
 #include <map>

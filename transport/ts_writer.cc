@@ -75,6 +75,15 @@ bool TSWriter::write_packet(const TSPacket& packet, const unsigned char* data,
   }
 }
 
+bool TSWriter::write_record(const TSPacket& packet) {
+  // Any count beyond what a packet holds is the same to write_packet as a full packet.
+  int32_t length = packet.payload.size() > static_cast<size_t>(TS_PAYLOAD_MAX)
+                       ? TS_PAYLOAD_MAX
+                       : static_cast<int32_t>(packet.payload.size());
+  int32_t continuity = packet.continuity_counter;
+  return write_packet(packet, packet.payload.data(), length, continuity);
+}
+
 std::string packetise(const TSPacket& packet, int32_t& continuity) {
   TSPacket header = header_fields(packet);
 

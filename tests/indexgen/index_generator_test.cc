@@ -441,7 +441,7 @@ TEST(IndexGenerator, PatOfNextVersionOnlyIsIgnored) {
          unit_start());
   EXPECT_EQ(h.generator.pmt_pid, 0);
   EXPECT_TRUE(h.generator.pat_packet.empty());
-  EXPECT_TRUE(h.generator.pat_section.empty());
+  EXPECT_TRUE(h.generator.pat_section.data.empty());
   EXPECT_TRUE(h.log.lines.empty());
 }
 
@@ -456,11 +456,11 @@ TEST(IndexGenerator, PatAcrossTwoPacketsIsGathered) {
   Harness h;
   Bytes payload = VdxTest::with_pointer(VdxTest::pat_section(1, {{1, kPmtPid}}));
   h.feed(0, 0, Bytes(payload.begin(), payload.begin() + 10), unit_start());
-  EXPECT_EQ(h.generator.pat_section.size(), 10u);
+  EXPECT_EQ(h.generator.pat_section.data.size(), 10u);
   EXPECT_EQ(h.generator.pmt_pid, 0);
   h.feed(0, 1, Bytes(payload.begin() + 10, payload.end()));
   EXPECT_EQ(h.generator.pmt_pid, kPmtPid);
-  EXPECT_TRUE(h.generator.pat_section.empty());
+  EXPECT_TRUE(h.generator.pat_section.data.empty());
 }
 
 TEST(IndexGenerator, PatWithABadCrcIsDroppedAndTheNextOneIsRead) {
@@ -470,7 +470,7 @@ TEST(IndexGenerator, PatWithABadCrcIsDroppedAndTheNextOneIsRead) {
   bad[bad.size() - 1] ^= 0x01;
   h.feed(0, 0, stuffed(bad), unit_start());
   EXPECT_EQ(h.generator.pmt_pid, 0);
-  EXPECT_TRUE(h.generator.pat_section.empty());
+  EXPECT_TRUE(h.generator.pat_section.data.empty());
   EXPECT_TRUE(h.log.lines.empty());
   h.feed(0, 1, stuffed(payload), unit_start());
   EXPECT_EQ(h.generator.pmt_pid, kPmtPid);
@@ -481,7 +481,7 @@ TEST(IndexGenerator, SectionGatheredFromAPacketWithoutUnitStartReadsItsFirstByte
   // The tail of some section: its first byte, 0x30, is taken for a pointer_field that runs
   // past the bytes at hand, so the bytes are kept for more.
   h.feed(0, 0, hex("30 11 22 33"));
-  EXPECT_EQ(h.generator.pat_section, as_string(hex("30 11 22 33")));
+  EXPECT_EQ(h.generator.pat_section.data, hex("30 11 22 33"));
   EXPECT_EQ(h.generator.pmt_pid, 0);
 }
 
@@ -507,7 +507,7 @@ TEST(IndexGenerator, LaterPatMovesOnlyThePatPacketOnceVideoIsKnown) {
   EXPECT_EQ(h.generator.video_pid, kVideoPid);
   EXPECT_EQ(h.generator.pmt_packets, pmt_packets);
   EXPECT_EQ(h.generator.parser, parser);
-  EXPECT_TRUE(h.generator.pmt_section.empty());
+  EXPECT_TRUE(h.generator.pmt_section.data.empty());
   ASSERT_EQ(h.log.lines.size(), 3u);
   EXPECT_EQ(h.log.lines[2], "PMT on PID: 64 (program number: 1)");
 }
@@ -549,7 +549,7 @@ TEST(IndexGenerator, PmtWithABadCrcIsDroppedAndTheNextOneIsRead) {
   payload[payload.size() - 2] ^= 0x80;
   h.feed(kPmtPid, 0, stuffed(payload), unit_start());
   EXPECT_EQ(h.generator.video_type, VIDEO_UNKNOWN);
-  EXPECT_TRUE(h.generator.pmt_section.empty());
+  EXPECT_TRUE(h.generator.pmt_section.data.empty());
   EXPECT_TRUE(h.generator.pmt_packets.empty());
   h.pmt();
   EXPECT_EQ(h.generator.video_type, VIDEO_MPEG2);
@@ -561,7 +561,7 @@ TEST(IndexGenerator, PmtCutShortWaitsForTheRest) {
   Bytes payload = VdxTest::with_pointer(mpeg2_pmt());
   h.feed(kPmtPid, 0, Bytes(payload.begin(), payload.end() - 1), unit_start());
   EXPECT_EQ(h.generator.video_type, VIDEO_UNKNOWN);
-  EXPECT_EQ(h.generator.pmt_section.size(), payload.size() - 1);
+  EXPECT_EQ(h.generator.pmt_section.data.size(), payload.size() - 1);
   h.feed(kPmtPid, 1, Bytes(payload.end() - 1, payload.end()));
   EXPECT_EQ(h.generator.video_type, VIDEO_MPEG2);
   EXPECT_EQ(h.generator.pmt_packets, pmt_packet_for(mpeg2_pmt(), 1));
@@ -581,7 +581,7 @@ TEST(IndexGenerator, PmtOfAnotherProgramIsIgnored) {
   h.pat();
   h.pmt(VdxTest::pmt_section(2, kVideoPid, {}, {{2, kVideoPid, {}}}));
   EXPECT_EQ(h.generator.video_type, VIDEO_UNKNOWN);
-  EXPECT_TRUE(h.generator.pmt_section.empty());
+  EXPECT_TRUE(h.generator.pmt_section.data.empty());
   EXPECT_TRUE(h.generator.pmt_packets.empty());
 }
 
@@ -602,7 +602,7 @@ TEST(IndexGenerator, PmtIsCapturedOnceAndNeverRefreshed) {
   const std::string captured = h.generator.pmt_packets;
   h.pmt(VdxTest::pmt_section(1, kVideoPid, {}, {{2, kVideoPid, {}}}, 3));
   EXPECT_EQ(h.generator.pmt_packets, captured);
-  EXPECT_TRUE(h.generator.pmt_section.empty());
+  EXPECT_TRUE(h.generator.pmt_section.data.empty());
 }
 
 TEST(IndexGenerator, PmtOfNextVersionIsTakenAsWell) {
