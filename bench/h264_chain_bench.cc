@@ -92,7 +92,7 @@ void BM_H264Parser(benchmark::State& state) {
   size_t markers = 0;
   for (auto _ : state) {
     H264Parser parser;
-    parser.byte_by_byte = state.range(0) != 0;
+    parser.scanner.byte_by_byte = state.range(0) != 0;
     markers = 0;
     for (size_t pass = 0; pass < passes; ++pass) {
       for (CapturedPacket& r : records) {
@@ -146,7 +146,7 @@ void BM_H264Chain(benchmark::State& state) {
       at += 188;
     }
     if (generator.parser != nullptr) {
-      static_cast<H264Parser*>(generator.parser)->byte_by_byte = byte_by_byte;
+      static_cast<H264Parser*>(generator.parser)->scanner.byte_by_byte = byte_by_byte;
     }
     for (; at < bytes.size(); at += CHUNK_SIZE) {
       size_t count = bytes.size() - at < CHUNK_SIZE ? bytes.size() - at : CHUNK_SIZE;

@@ -207,8 +207,8 @@ TEST(H264Parser, PesHeaderIsNeverScanned) {
   Harness h;
   h.feed(kPesHeader + std::string(20, '\x5A'), 9);
   EXPECT_TRUE(h.log.detail().empty());
-  EXPECT_EQ(h.parser.prefix_length, 0);
-  EXPECT_EQ(h.parser.last_byte, 0x5A);
+  EXPECT_EQ(h.parser.scanner.prefix_length, 0);
+  EXPECT_EQ(h.parser.scanner.last_byte, 0x5A);
 }
 
 // ---- Start codes across records ----
@@ -256,8 +256,8 @@ TEST(H264Parser, StartCodeAcrossPacketsWithoutPreviousStartsTheCaptureWithoutMar
   h.parser.sps = sps(66, 0);
   h.parser.pps = pps();
   h.parser.frame_num_bits = 4;
-  h.parser.prefix_length = 3;
-  h.parser.last_byte = 1;
+  h.parser.scanner.prefix_length = 3;
+  h.parser.scanner.last_byte = 1;
   h.feed(idr(0).substr(3) + ref_slice(1));
   CapturedPacket& r = h.record(0);
   EXPECT_FALSE(r.holds_start);
@@ -277,8 +277,8 @@ TEST(H264Parser, EndOfCaptureWithoutPreviousRecordPlacesNoMarker) {
   h.parser.state = CAPTURE_IDR;
   h.parser.last_unit_type = 5;
   h.parser.last_frame_num = 0;
-  h.parser.prefix_length = 3;
-  h.parser.last_byte = 1;
+  h.parser.scanner.prefix_length = 3;
+  h.parser.scanner.last_byte = 1;
   h.feed(ref_slice(1).substr(3));
   EXPECT_TRUE(h.marks().empty());
   EXPECT_EQ(h.log.detail(),
@@ -731,7 +731,7 @@ TEST(H264Parser, ScrambledPacketInTheMiddleOfAPrefixForgetsIt) {
   h.feed(sps(66, 0) + pps() + nal(0x0C, "\xFF\xAA") + std::string("\x00\x00", 2));
   h.feed(std::string(20, 'x'), 0, 1);
   h.feed(std::string("\x01", 1) + idr(0).substr(3) + idr(0));
-  EXPECT_EQ(h.parser.prefix_length, 0);
+  EXPECT_EQ(h.parser.scanner.prefix_length, 0);
   // Only the second IDR, with a start code of its own, is seen.
   EXPECT_EQ(h.marks(), (std::vector<std::string>{h.mark(2, false, idr(0).size() - 2)}));
 }
@@ -884,7 +884,7 @@ Outcome run(uint32_t seed, bool byte_by_byte) {
   Outcome outcome;
   {
     Harness h;
-    h.parser.byte_by_byte = byte_by_byte;
+    h.parser.scanner.byte_by_byte = byte_by_byte;
     size_t at = 0;
     while (at < es.size()) {
       uint32_t kind = source.random() % 20;
@@ -903,7 +903,7 @@ Outcome run(uint32_t seed, bool byte_by_byte) {
       at += size;
       const H264Parser& p = h.parser;
       outcome.states.push_back(
-          std::to_string(p.prefix_length) + "," + std::to_string(p.last_byte) + "," +
+          std::to_string(p.scanner.prefix_length) + "," + std::to_string(p.scanner.last_byte) + "," +
           std::to_string(p.state) + "," + std::to_string(p.recovery_frames) + "," +
           std::to_string(p.last_frame_num) + "," + std::to_string(p.entry_seen) +
           std::to_string(p.headers_seen) + "," + std::to_string(p.unit.size()) + "," +

@@ -127,7 +127,7 @@ void index_bytes(const std::string& source, Indexed& out, bool byte_by_byte = fa
     pipeline.read(reinterpret_cast<const unsigned char*>(out.source.data()) + at,
                   static_cast<int32_t>(size));
     if (byte_by_byte && generator.parser != nullptr) {
-      dynamic_cast<H264Parser&>(*generator.parser).byte_by_byte = true;
+      dynamic_cast<H264Parser&>(*generator.parser).scanner.byte_by_byte = true;
     }
   }
   out.block_count = generator.block_count;
