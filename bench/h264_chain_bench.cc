@@ -146,7 +146,7 @@ void BM_H264Chain(benchmark::State& state) {
       at += 188;
     }
     if (generator.parser != nullptr) {
-      static_cast<H264Parser*>(generator.parser)->scanner.byte_by_byte = byte_by_byte;
+      static_cast<H264Parser*>(generator.parser.get())->scanner.byte_by_byte = byte_by_byte;
     }
     for (; at < bytes.size(); at += CHUNK_SIZE) {
       size_t count = bytes.size() - at < CHUNK_SIZE ? bytes.size() - at : CHUNK_SIZE;

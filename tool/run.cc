@@ -194,11 +194,11 @@ int run(int argc, char** argv) {
   run_writer.close();
 
   RunStatistics statistics;
-  statistics.duration = generator.duration;
-  statistics.first_offset = generator.first_offset;
-  statistics.last_offset = generator.last_offset;
-  statistics.max_rate = generator.max_rate;
-  statistics.min_rate = generator.min_rate;
+  statistics.duration = generator.time_base.duration;
+  statistics.first_offset = generator.time_base.first_offset;
+  statistics.last_offset = generator.time_base.last_offset;
+  statistics.max_rate = generator.time_base.max_rate;
+  statistics.min_rate = generator.time_base.min_rate;
   write_statistics(log.summary, statistics);
 
   sync.reset();

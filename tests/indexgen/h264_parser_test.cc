@@ -903,8 +903,8 @@ Outcome run(uint32_t seed, bool byte_by_byte) {
       at += size;
       const H264Parser& p = h.parser;
       outcome.states.push_back(
-          std::to_string(p.scanner.prefix_length) + "," + std::to_string(p.scanner.last_byte) + "," +
-          std::to_string(p.state) + "," + std::to_string(p.recovery_frames) + "," +
+          std::to_string(p.scanner.prefix_length) + "," + std::to_string(p.scanner.last_byte) +
+          "," + std::to_string(p.state) + "," + std::to_string(p.recovery_frames) + "," +
           std::to_string(p.last_frame_num) + "," + std::to_string(p.entry_seen) +
           std::to_string(p.headers_seen) + "," + std::to_string(p.unit.size()) + "," +
           std::to_string(p.frame_num_bits) + "," + std::to_string(p.capture_end_position) + "," +

@@ -131,7 +131,7 @@ void index_bytes(const std::string& source, Indexed& out, bool byte_by_byte = fa
     }
   }
   out.block_count = generator.block_count;
-  auto* parser = dynamic_cast<H264Parser*>(generator.parser);
+  auto* parser = dynamic_cast<H264Parser*>(generator.parser.get());
   ASSERT_NE(parser, nullptr);
   out.frame_num_bits = parser->frame_num_bits;
 }
