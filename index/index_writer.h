@@ -2,6 +2,7 @@
 #define VELDRIN_INDEX_INDEX_WRITER_H
 
 #include <cstdint>
+#include <memory>
 #include <sstream>
 #include <string>
 
@@ -27,7 +28,7 @@ class IndexWriter : public IndexGen::IndexWriter {
   void add_packet(IndexGen::CapturedPacket& captured) override;
   void add_pcr(uint64_t offset, double npt) override;
 
-  IndexFile* file = nullptr;  // owned
+  std::unique_ptr<IndexFile> file;  // the open file; null while closed
   std::ostringstream block;
   std::string tables;
   std::string preamble;

@@ -27,9 +27,7 @@ namespace {
 // The input is fed to the chain in chunks of this size, through one reused buffer.
 constexpr size_t CHUNK_SIZE = 65536;
 
-// The index writer of the run, of one format or the other. It is made with new and never
-// deleted: its destructor would complete the file, which an end without close must not do.
-// The pointers live here, in static storage, so that the writer stays reachable to the end.
+// The index writer of the run, of one format or the other, reachable to the end of the process.
 struct RunWriter {
   Index::IndexWriter* vdx = nullptr;
   Index2::IndexWriter* vdx2 = nullptr;
@@ -125,6 +123,9 @@ int run(int argc, char** argv) {
               << std::endl;
 
   // The output exists before anything of the stream beyond the alignment has been looked at.
+  // The writer is made with new and never deleted, on purpose: its destructor would complete
+  // the file, which an end without close (statuses 7 and 9) must not do. What it has written is
+  // flushed instead, and the pointer stays in static storage so that it is reachable to the end.
   bool opened = false;
   if (settings.format == FORMAT_VDX) {
     run_writer.vdx = new Index::IndexWriter(settings.index_links,
