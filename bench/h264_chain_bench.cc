@@ -22,6 +22,11 @@
 
 namespace {
 
+// The count of iterations run, which is never negative, for products with sizes.
+uint64_t iterations(const benchmark::State& state) {
+  return static_cast<uint64_t>(state.iterations());
+}
+
 using Veldrin::IndexGen::CapturedPacket;
 using Veldrin::IndexGen::H264Parser;
 using Veldrin::IndexGen::IndexGenerator;
@@ -104,7 +109,7 @@ void BM_H264Parser(benchmark::State& state) {
     }
     benchmark::DoNotOptimize(markers);
   }
-  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * passes * pass_bytes));
+  state.SetBytesProcessed(static_cast<int64_t>(iterations(state) * passes * pass_bytes));
   state.counters["markers"] = static_cast<double>(markers);
 }
 
@@ -155,7 +160,7 @@ void BM_H264Chain(benchmark::State& state) {
     blocks = generator.block_count;
     benchmark::DoNotOptimize(writer.frame_bytes);
   }
-  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * bytes.size()));
+  state.SetBytesProcessed(static_cast<int64_t>(iterations(state) * bytes.size()));
   state.counters["blocks"] = blocks;
 }
 
@@ -182,7 +187,7 @@ void BM_ReadFile(benchmark::State& state) {
     benchmark::DoNotOptimize(total);
   }
   std::remove(path.c_str());
-  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * total));
+  state.SetBytesProcessed(static_cast<int64_t>(iterations(state) * total));
 }
 
 BENCHMARK(BM_H264Parser)->ArgName("byte_by_byte")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);

@@ -470,7 +470,7 @@ std::string preamble_packets(const Bytes& preamble, int64_t seconds, unsigned co
   while (done < pes.size()) {
     size_t take = std::min<size_t>(176, pes.size() - done);
     out += as_string(ts_packet(kVideoPid, continuity++,
-                               Bytes(pes.begin() + done, pes.begin() + done + take),
+                               Bytes(pes.data() + done, pes.data() + done + take),
                                done == 0 ? first : with_pcr(seconds * 27000000)));
     done += take;
   }

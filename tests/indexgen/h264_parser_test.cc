@@ -756,7 +756,7 @@ TEST(H264Parser, HighProfileSpsReadsTheScalingMatrixBeforeFrameNum) {
     // frame_num length of 7.
     for (int k = 0; k < 64; ++k) bits.se(2);
   };
-  for (uint8_t profile : {100, 110, 122, 144}) {
+  for (const uint8_t profile : {uint8_t{100}, uint8_t{110}, uint8_t{122}, uint8_t{144}}) {
     Harness h;
     h.feed(sps(profile, 5, false, lists) + pps());
     EXPECT_EQ(h.parser.frame_num_bits, 9) << int(profile);
@@ -854,9 +854,9 @@ struct RandomRun {
     if (header == 0x67) {
       body = sps(random() % 2 ? 66 : 100, random() % 4).substr(4);
     } else if (header == 0x06) {
-      body = recovery_point(random() % 13) + "\x80";
+      body = recovery_point(static_cast<uint32_t>(random() % 13)) + "\x80";
     } else if ((header & 31) == 1 || (header & 31) == 5) {
-      body = VdxTest::slice(header, random() % 6, 4).substr(4);
+      body = VdxTest::slice(header, static_cast<uint32_t>(random() % 6), 4).substr(4);
     }
     size_t extra = random() % 300;
     for (size_t k = 0; k < extra; ++k) {
@@ -887,7 +887,7 @@ Outcome run(uint32_t seed, bool byte_by_byte) {
     h.parser.scanner.byte_by_byte = byte_by_byte;
     size_t at = 0;
     while (at < es.size()) {
-      uint32_t kind = source.random() % 20;
+      const auto kind = source.random() % 20;
       size_t size = 1 + source.random() % 184;
       if (kind == 0) {
         h.feed("");

@@ -313,7 +313,8 @@ TEST(ProgramTables, PmtLongerThanAPacketGivesPacketsThatAllStartAUnitWithOneCoun
   // Program descriptors of 200 bytes make a section of more than one packet.
   Bytes info;
   for (int i = 0; i < 10; ++i)
-    info = concat({info, VdxTest::descriptor(0x80, repeat(0x11 * (i % 10), 18))});
+    info = concat(
+        {info, VdxTest::descriptor(0x80, repeat(static_cast<unsigned char>(0x11 * (i % 10)), 18))});
   Bytes section = VdxTest::pmt_section(1, kVideoPid, info, {{2, kVideoPid, {}}});
   Bytes payload = VdxTest::with_pointer(section);
   ASSERT_GT(payload.size(), 184u);
