@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "indexgen/h264_units.h"
-#include "indexgen/log_lines.h"
+#include "support/log_capture.h"
 
 namespace Veldrin::IndexGen {
 namespace {
@@ -16,7 +16,7 @@ namespace {
 using VdxTest::aud;
 using VdxTest::Bits;
 using VdxTest::idr;
-using VdxTest::LogLines;
+using Veldrin::Testing::LogCapture;
 using VdxTest::nal;
 using VdxTest::nonref_slice;
 using VdxTest::pps;
@@ -84,7 +84,7 @@ struct Harness {
 
   size_t stream_chunk = 184;
 
-  LogLines log;
+  LogCapture log;
   H264Parser parser;
   std::list<CapturedPacket> records;
 };
