@@ -3,7 +3,8 @@
 # already, so that a prepared machine (or a CI rerun) doesn't wait for apt.
 set -euo pipefail
 
-packages=(cmake g++ make libgtest-dev libbenchmark-dev libssl-dev openssl ffmpeg pkg-config clang-format)
+packages=(cmake g++ make libgtest-dev libbenchmark-dev libssl-dev openssl ffmpeg pkg-config clang-format
+  mandoc man-db jq python3 dpkg-dev)
 
 missing=()
 for package in "${packages[@]}"; do
