@@ -116,9 +116,9 @@ TEST(AtomReader, AtomsOneBehindTheOtherComeInOrder) {
 }
 
 TEST(AtomReader, SizesZeroAndTwoToSevenAreRefused) {
-  for (unsigned char size : {0, 2, 3, 4, 5, 6, 7}) {
+  for (const unsigned char size : Bytes{0, 2, 3, 4, 5, 6, 7}) {
     Read got = read(Bytes{0x00, 0x00, 0x00, size, 'V', 'E', 'R', 'S', 0x00, 0x01});
-    EXPECT_FALSE(got.result) << int(size);
+    EXPECT_FALSE(got.result) << int{size};
     EXPECT_EQ(got.error, "atom at byte 0 has size " + std::to_string(size) +
                              ", less than its 8-byte header");
   }
