@@ -12,6 +12,7 @@
 #include "crypto/certificate.h"
 #include "crypto/rsa.h"
 #include "encryption/atom.h"
+#include "transport/sections.h"
 
 namespace Veldrin::IndexGen {
 
@@ -19,12 +20,11 @@ namespace Veldrin::IndexGen {
 // ("VDKL" holding "VERS", "ENCT" and one "KEYR" per recipient with "PKCN", "KEYE", "EKEY") in one
 // private section, carried in the stream on the PID that the CA descriptor of the rewritten PMT
 // names.
-constexpr uint8_t KEY_LIST_TABLE_ID = 0x4B;             // 'K'
-constexpr uint16_t KEY_LIST_CA_SYSTEM_ID = 0x4B4C;      // "KL"
-constexpr uint8_t CA_DESCRIPTOR_TAG = 9;
-constexpr uint8_t KEY_LIST_STREAM_TYPE = 5;             // the stream entry of the key list PID
+constexpr uint8_t KEY_LIST_TABLE_ID = 0x4B;         // 'K'
+constexpr uint16_t KEY_LIST_CA_SYSTEM_ID = 0x4B4C;  // "KL"
+constexpr uint8_t KEY_LIST_STREAM_TYPE = 5;         // the stream entry of the key list PID
 constexpr uint16_t KEY_LIST_VERSION = 1;
-constexpr size_t CONTENT_KEY_SIZE = 16;                  // AES-128
+constexpr size_t CONTENT_KEY_SIZE = 16;  // AES-128
 // "ENCT": AES (family 0) with a key of 2^7 bits.
 constexpr unsigned char CONTENT_CIPHER_AES_128[3] = {0x00, 0x07, 0x00};
 // Family byte of "KEYE": the content key is wrapped with RSA.
@@ -40,8 +40,9 @@ unsigned char modulus_size_code(int32_t cipher_size);
 // certificate that holds an RSA key (the others leave no trace). The key is wrapped with
 // PKCS#1 v1.5; should that fail, the wrapped key stays all zero. Empty when the section would be
 // longer than a section writer writes (a body of more than 1017 bytes).
-std::vector<unsigned char> make_key_list(const Korvix::Crypto::AESKey& key,
-                                         const std::vector<Korvix::Crypto::Certificate>& certificates);
+std::vector<unsigned char> make_key_list(
+    const Korvix::Crypto::AESKey& key,
+    const std::vector<Korvix::Crypto::Certificate>& certificates);
 
 // One "KEYR" of a key list read back.
 struct KeyListRecipient {
@@ -52,8 +53,8 @@ struct KeyListRecipient {
 
 // A key list read back.
 struct KeyList {
-  uint16_t version = 0;                // "VERS"
-  std::vector<unsigned char> cipher;   // "ENCT", 3 bytes
+  uint16_t version = 0;               // "VERS"
+  std::vector<unsigned char> cipher;  // "ENCT", 3 bytes
   std::vector<KeyListRecipient> recipients;
 
   bool aes_128() const;
@@ -91,8 +92,8 @@ enum UnwrapResult {
 // order, or from every recipient in turn without a name, until one gives exactly 16 bytes. A
 // recipient whose wrapped key isn't as long as the private key's modulus is passed over.
 UnwrapResult unwrap_content_key(const KeyList& list, const Korvix::Crypto::RSAKey& private_key,
-                                const std::optional<std::string>& name,
-                                Korvix::Crypto::AESKey& key, size_t& recipient);
+                                const std::optional<std::string>& name, Korvix::Crypto::AESKey& key,
+                                size_t& recipient);
 
 // "AES-128" for 00 07 00, else a description of the three bytes.
 std::string describe_content_cipher(const std::vector<unsigned char>& cipher);

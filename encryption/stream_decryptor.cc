@@ -15,10 +15,9 @@ namespace Veldrin::IndexGen {
 
 namespace {
 
-constexpr uint16_t PAT_PID = 0;
 constexpr uint8_t PAT_TABLE_ID = 0x00;
 constexpr uint8_t PMT_TABLE_ID = 0x02;
-constexpr size_t MAX_PAYLOAD = 184;
+constexpr auto MAX_PAYLOAD = static_cast<size_t>(TS_PAYLOAD_MAX);
 constexpr size_t AES_BLOCK = 16;
 constexpr size_t SCRAMBLING_BYTE = 3;  // the byte of the header with the scrambling bits
 constexpr unsigned char SCRAMBLING_BITS = 0xC0;
@@ -226,11 +225,11 @@ void StreamDecryptor::observe_pmt(const Header& header, const unsigned char* pac
   pmt_seen = true;
   if (key_list_pid_known) return;
   for (const Descriptor& descriptor : pmt.descriptors) {
-    if (descriptor.tag != CA_DESCRIPTOR_TAG || descriptor.data.size() < CA_DESCRIPTOR_SIZE) continue;
+    if (descriptor.tag != CA_DESCRIPTOR_TAG || descriptor.data.size() < CA_DESCRIPTOR_SIZE)
+      continue;
     const unsigned int system = (unsigned{descriptor.data[0]} << 8) | descriptor.data[1];
     if (system != KEY_LIST_CA_SYSTEM_ID) continue;
-    key_list_pid =
-        static_cast<uint16_t>(((descriptor.data[2] & 0x1Fu) << 8) | descriptor.data[3]);
+    key_list_pid = static_cast<uint16_t>(((descriptor.data[2] & 0x1Fu) << 8) | descriptor.data[3]);
     key_list_pid_known = true;
     break;
   }
