@@ -128,11 +128,11 @@ inline void run_index_chain(const uint8_t* data, size_t size, ChainFormat format
     if (vdx2 != nullptr) vdx2->close();
 
     Tool::RunStatistics statistics;
-    statistics.duration = generator.duration;
-    statistics.first_offset = generator.first_offset;
-    statistics.last_offset = generator.last_offset;
-    statistics.max_rate = generator.max_rate;
-    statistics.min_rate = generator.min_rate;
+    statistics.duration = generator.time_base.duration;
+    statistics.first_offset = generator.time_base.first_offset;
+    statistics.last_offset = generator.time_base.last_offset;
+    statistics.max_rate = generator.time_base.max_rate;
+    statistics.min_rate = generator.time_base.min_rate;
     Tool::write_statistics(dump_output, statistics);
   }
 }

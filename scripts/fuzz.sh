@@ -11,7 +11,9 @@
 #
 # Environment: VDX_FUZZ_BUILD the build folder (default build-fuzz, configured with clang when
 # missing), VDX_FUZZ_NICE the niceness of the run (default 19), VDX_BUILD_LOCK a lock file that
-# the build waits for (none by default), VDX_FUZZ_ARGS more arguments for libFuzzer.
+# the build waits for, so that builds on a shared machine take turns (default
+# /tmp/vdx-build.lock; empty for none), VDX_FUZZ_ARGS more arguments for libFuzzer. The targets'
+# scratch files go to $TMPDIR, /dev/shm when that isn't set.
 #
 # The committed seeds of fuzz/corpus/TARGET are read at every start but never written to.
 # The exit status is libFuzzer's: 0 when the run found nothing.
@@ -42,8 +44,11 @@ fi
 folder=${folder:-${VDX_FUZZ_DIR:-$HOME/.cache/vdx-fuzz}/$target}
 build=${VDX_FUZZ_BUILD:-$here/build-fuzz}
 lock=()
-if [[ -n "${VDX_BUILD_LOCK:-}" ]]; then
-  lock=(flock "$VDX_BUILD_LOCK")
+if [[ -n "${VDX_BUILD_LOCK-/tmp/vdx-build.lock}" ]]; then
+  lock=(flock "${VDX_BUILD_LOCK-/tmp/vdx-build.lock}")
+fi
+if [[ -z "${TMPDIR:-}" && -d /dev/shm && -w /dev/shm ]]; then
+  export TMPDIR=/dev/shm
 fi
 
 # Build (incrementally) what the run needs.

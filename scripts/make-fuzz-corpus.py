@@ -325,6 +325,154 @@ def certificate_seeds():
         write("certificate", "public-key-only", (folder / "public.pem").read_bytes())
 
 
+CONTENT_KEY = bytes(range(16))  # the key of the stream_decryptor target
+KEY_LIST_PID = 0x1FF0
+
+
+def atom(name, payload):
+    return struct.pack(">I", 8 + len(payload)) + name + payload
+
+
+def key_list_atoms(recipients):
+    """The atom tree of a key list: (name, key type, wrapped key) for each recipient."""
+    body = atom(b"VERS", b"\x00\x01") + atom(b"ENCT", b"\x00\x07\x00")
+    for name, key_type, wrapped in recipients:
+        body += atom(b"KEYR", atom(b"PKCN", name) + atom(b"KEYE", key_type) +
+                     atom(b"EKEY", b"\x00" + wrapped))
+    return atom(b"VDKL", body)
+
+
+def key_list_section(atoms):
+    length = len(atoms) + 9
+    data = bytes([0x4B, 0xB0 | (length >> 8), length & 0xFF, 0xFF, 0xFF, 0xC0, 0, 0]) + atoms
+    return b"\x00" + data + struct.pack(">I", crc32_mpeg(data))
+
+
+def recipients(folder):
+    """Two recipients with 1024-bit keys made here, the content key wrapped for each."""
+    out = []
+    for name in (b"Fuzz Seed", b"Other"):
+        stem = name.decode().replace(" ", "_")
+        openssl("req", "-x509", "-newkey", "rsa:1024", "-nodes", "-keyout", stem + ".key", "-out",
+                stem + ".pem", "-days", "3650", "-subj", "/CN=" + name.decode(), cwd=folder)
+        openssl("x509", "-in", stem + ".pem", "-pubkey", "-noout", "-out", stem + ".pub",
+                cwd=folder)
+        (folder / "content.key").write_bytes(CONTENT_KEY)
+        openssl("pkeyutl", "-encrypt", "-pubin", "-inkey", stem + ".pub", "-pkeyopt",
+                "rsa_padding_mode:pkcs1", "-in", "content.key", "-out", stem + ".wrapped",
+                cwd=folder)
+        out.append((name, b"\x01\x0a\x00", (folder / (stem + ".wrapped")).read_bytes()))
+    return out
+
+
+def key_list_seeds(people):
+    none = key_list_atoms([])
+    one = key_list_atoms(people[:1])
+    two = key_list_atoms(people)
+    write("key_list_reader", "section-no-recipient", b"\x00\x00" + key_list_section(none))
+    write("key_list_reader", "section-one-recipient", b"\x00\x01" + key_list_section(one))
+    write("key_list_reader", "section-two-recipients", b"\x00\x00" + key_list_section(two))
+    write("key_list_reader", "atoms-wrapped-one-recipient", b"\x01\x01" + one)
+    write("key_list_reader", "atoms-two-recipients", b"\x02\x00" + two)
+
+
+def ts_packet(pid, payload, unit_start, continuity):
+    """A packet with the payload, stuffed with an adaptation field when it is short."""
+    header = bytes([0x47, (0x40 if unit_start else 0) | (pid >> 8), pid & 0xFF])
+    if len(payload) >= 184:
+        return header + bytes([0x10 | continuity]) + payload[:184]
+    stuffing = 183 - len(payload)
+    field = bytes([stuffing]) + (b"\x00" + b"\xff" * (stuffing - 1) if stuffing > 0 else b"")
+    return header + bytes([0x30 | continuity]) + field + payload
+
+
+def with_ca_descriptor(pmt_packet):
+    """The PMT with the CA descriptor of the key list among its program descriptors and a stream
+    entry of type 5 for its PID, as the encrypted copy carries it."""
+    body = payload(pmt_packet)
+    section = body[1 + body[0]:]
+    length = ((section[1] & 0x0F) << 8) | section[2]
+    data = bytearray(section[:3 + length - 4])
+    info = ((data[10] & 0x0F) << 8) | data[11]
+    descriptor = bytes([9, 4, 0x4B, 0x4C, 0xE0 | (KEY_LIST_PID >> 8), KEY_LIST_PID & 0xFF])
+    data[12 + info:12 + info] = descriptor
+    info += len(descriptor)
+    data[10:12] = bytes([0xF0 | (info >> 8), info & 0xFF])
+    data += bytes([5, 0xE0 | (KEY_LIST_PID >> 8), KEY_LIST_PID & 0xFF, 0xF0, 0])
+    length = len(data) + 4 - 3
+    data[1:3] = bytes([0xB0 | (length >> 8), length & 0xFF])
+    new = b"\x00" + bytes(data) + struct.pack(">I", crc32_mpeg(bytes(data)))
+    return ts_packet(PMT_PID, new, True, pmt_packet[3] & 0x0F)
+
+
+def encipher(blocks, folder):
+    (folder / "plain.bin").write_bytes(blocks)
+    openssl("enc", "-aes-128-ecb", "-nopad", "-K", CONTENT_KEY.hex(), "-in", "plain.bin", "-out",
+            "cipher.bin", cwd=folder)
+    return (folder / "cipher.bin").read_bytes()
+
+
+def encrypted_copy(stream, section, folder, key_list_first=False):
+    """The stream as the encrypted copy has it: the PMT rewritten, the key list section behind
+    it (or ahead of it), and the whole 16-byte blocks of every audio payload enciphered with
+    scrambling_control 2."""
+    key_list = [ts_packet(KEY_LIST_PID, section[i:i + 184], i == 0, n & 0x0F)
+                for n, i in enumerate(range(0, len(section), 184))]
+    packets_out = []
+    inserted = False
+    for p in stream:
+        if pid_of(p) == 0x1FFF:
+            continue
+        if pid_of(p) == PMT_PID:
+            if key_list_first and not inserted:
+                packets_out += key_list
+            packets_out.append(with_ca_descriptor(p))
+            if not key_list_first and not inserted:
+                packets_out += key_list
+            inserted = True
+        else:
+            packets_out.append(p)
+    # Encipher the audio payloads in one call: ECB takes each block by itself.
+    spans = []
+    plain = b""
+    for n, p in enumerate(packets_out):
+        if pid_of(p) != 0x101:
+            continue
+        body = payload(p)
+        whole = len(body) - len(body) % 16
+        spans.append((n, PACKET - len(body), whole))
+        plain += body[:whole]
+    cipher = encipher(plain, folder)
+    at = 0
+    for n, start, whole in spans:
+        p = bytearray(packets_out[n])
+        p[start:start + whole] = cipher[at:at + whole]
+        p[3] = (p[3] & 0x3F) | 0x80
+        packets_out[n] = bytes(p)
+        at += whole
+    return b"".join(packets_out)
+
+
+def decryptor_header(mode, by_name=0, hold=0, chunks=(0, 0, 0, 0)):
+    return bytes([mode, by_name]) + struct.pack(">H4H", hold, *chunks)
+
+
+def decryptor_seeds(people):
+    stream = load("mpeg2_short_gop")[:80]
+    with tempfile.TemporaryDirectory() as temp:
+        folder = pathlib.Path(temp)
+        section = key_list_section(key_list_atoms(people[:1]))
+        copy = encrypted_copy(stream, section, folder)
+        write("stream_decryptor", "content-key", decryptor_header(2) + copy)
+        write("stream_decryptor", "list-only", decryptor_header(0) + copy)
+        write("stream_decryptor", "private-key-named", decryptor_header(1, 1) + copy)
+        write("stream_decryptor", "content-key-odd-chunks",
+              decryptor_header(2, chunks=(1, 187, 189, 1000)) + copy)
+        write("stream_decryptor", "private-key-hold-5", decryptor_header(1, 0, 5) + copy)
+        early = encrypted_copy(stream, key_list_section(key_list_atoms(people)), folder, True)
+        write("stream_decryptor", "list-ahead-of-pmt", decryptor_header(0) + early)
+
+
 def main():
     build = pathlib.Path(sys.argv[1] if len(sys.argv) > 1 else ROOT / "build")
     vdxindex = build.resolve() / "vdxindex"
@@ -341,6 +489,10 @@ def main():
     h264_unit_seeds()
     dump_seeds(vdxindex)
     certificate_seeds()
+    with tempfile.TemporaryDirectory() as temp:
+        people = recipients(pathlib.Path(temp))
+    key_list_seeds(people)
+    decryptor_seeds(people)
     total = sum(f.stat().st_size for f in CORPUS.rglob("*") if f.is_file())
     count = sum(1 for f in CORPUS.rglob("*") if f.is_file())
     print(f"make-fuzz-corpus: {count} seeds, {total} bytes in {CORPUS.relative_to(ROOT)}")
