@@ -100,7 +100,7 @@ class RepeatedStream {
     unsigned char* base = reinterpret_cast<unsigned char*>(out.data());
     for (const Counter& counter : counters) {
       unsigned char& byte = base[counter.at];
-      const uint64_t value = (byte & 0x0F) + k * counter.step;
+      const uint64_t value = uint64_t{byte & 0x0Fu} + k * counter.step;
       byte = static_cast<unsigned char>((byte & 0xF0) | (value & 0x0F));
     }
     const uint64_t shift = k * period_90khz;
@@ -122,8 +122,8 @@ class RepeatedStream {
   }
   static uint64_t read_pcr(const unsigned char* p) {
     const uint64_t base = (uint64_t{p[0]} << 25) | (uint64_t{p[1]} << 17) | (uint64_t{p[2]} << 9) |
-                          (uint64_t{p[3]} << 1) | (p[4] >> 7);
-    return base * 300 + (((p[4] & 1u) << 8) | p[5]);
+                          (uint64_t{p[3]} << 1) | static_cast<uint64_t>(p[4] >> 7);
+    return base * 300 + uint64_t{((p[4] & 1u) << 8) | p[5]};
   }
   static void write_pcr(unsigned char* p, uint64_t ticks) {
     const uint64_t base = (ticks / 300) & ((uint64_t{1} << 33) - 1);
@@ -137,11 +137,11 @@ class RepeatedStream {
   }
   static uint64_t read_stamp(const unsigned char* p) {
     return (uint64_t{p[0] & 0x0Eu} << 29) | (uint64_t{p[1]} << 22) | (uint64_t{p[2] & 0xFEu} << 14) |
-           (uint64_t{p[3]} << 7) | (p[4] >> 1);
+           (uint64_t{p[3]} << 7) | static_cast<uint64_t>(p[4] >> 1);
   }
   static void write_stamp(unsigned char* p, uint64_t ticks) {
     ticks &= (uint64_t{1} << 33) - 1;
-    p[0] = static_cast<unsigned char>((p[0] & 0xF0) | ((ticks >> 29) & 0x0E) | 1);
+    p[0] = static_cast<unsigned char>(uint64_t{p[0] & 0xF0u} | ((ticks >> 29) & 0x0E) | 1);
     p[1] = static_cast<unsigned char>(ticks >> 22);
     p[2] = static_cast<unsigned char>(((ticks >> 14) & 0xFE) | 1);
     p[3] = static_cast<unsigned char>(ticks >> 7);
