@@ -2,9 +2,10 @@
 # Runs one fuzz target for long, keeping what it learns in a corpus folder of its own, and tells at
 # the end what it found.
 #
-# Usage: scripts/fuzz.sh [-c CORPUS_DIR] TARGET [SECONDS]
+# Usage: scripts/fuzz.sh [-n] [-c CORPUS_DIR] TARGET [SECONDS]
 #   TARGET      the name of a target: a file fuzz/TARGET.cc, built as fuzz_TARGET
 #   SECONDS     how long to run, default 1200
+#   -n          run the target as it is built, without building
 #   -c DIR      the folder of the run, default $VDX_FUZZ_DIR/TARGET, or
 #               $HOME/.cache/vdx-fuzz/TARGET: new inputs go to DIR/corpus, crash, leak, timeout
 #               and out-of-memory files to DIR, the log of each run to DIR/fuzz-<time>.log
@@ -21,14 +22,16 @@ set -euo pipefail
 here=$(cd "$(dirname "$0")/.." && pwd)
 
 usage() {
-  sed -n '5,10p' "$0" | sed 's/^# \{0,1\}//' >&2
+  sed -n '5,11p' "$0" | sed 's/^# \{0,1\}//' >&2
   exit 1
 }
 
 folder=""
-while getopts "c:h" option; do
+build_first=1
+while getopts "c:nh" option; do
   case $option in
     c) folder=$OPTARG ;;
+    n) build_first=0 ;;
     *) usage ;;
   esac
 done
@@ -52,11 +55,15 @@ if [[ -z "${TMPDIR:-}" && -d /dev/shm && -w /dev/shm ]]; then
 fi
 
 # Build (incrementally) what the run needs.
-if [[ ! -f "$build/CMakeCache.txt" ]]; then
+if [[ $build_first -eq 0 ]]; then
+  [[ -x "$build/fuzz_$target" ]] || { echo "fuzz.sh: $build/fuzz_$target isn't built" >&2; exit 1; }
+elif [[ ! -f "$build/CMakeCache.txt" ]]; then
   "${lock[@]}" env CC=clang CXX=clang++ cmake -S "$here" -B "$build" -DVDX_FUZZ=ON -DVDX_TESTS=OFF \
     -DVDX_BENCH=OFF -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 fi
-"${lock[@]}" cmake --build "$build" -j"${JOBS:-2}" --target "fuzz_$target" >/dev/null
+if [[ $build_first -eq 1 ]]; then
+  "${lock[@]}" cmake --build "$build" -j"${JOBS:-2}" --target "fuzz_$target" >/dev/null
+fi
 
 mkdir -p "$folder/corpus"
 folder=$(cd "$folder" && pwd)
