@@ -22,6 +22,11 @@
 
 namespace {
 
+// The count of iterations run, which is never negative, for products with sizes.
+uint64_t iterations(const benchmark::State& state) {
+  return static_cast<uint64_t>(state.iterations());
+}
+
 using Veldrin::IndexGen::CapturedPacket;
 using Veldrin::IndexGen::H264Parser;
 using Veldrin::IndexGen::IndexGenerator;
@@ -92,7 +97,7 @@ void BM_H264Parser(benchmark::State& state) {
   size_t markers = 0;
   for (auto _ : state) {
     H264Parser parser;
-    parser.byte_by_byte = state.range(0) != 0;
+    parser.scanner.byte_by_byte = state.range(0) != 0;
     markers = 0;
     for (size_t pass = 0; pass < passes; ++pass) {
       for (CapturedPacket& r : records) {
@@ -104,7 +109,7 @@ void BM_H264Parser(benchmark::State& state) {
     }
     benchmark::DoNotOptimize(markers);
   }
-  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * passes * pass_bytes));
+  state.SetBytesProcessed(static_cast<int64_t>(iterations(state) * passes * pass_bytes));
   state.counters["markers"] = static_cast<double>(markers);
 }
 
@@ -146,7 +151,7 @@ void BM_H264Chain(benchmark::State& state) {
       at += 188;
     }
     if (generator.parser != nullptr) {
-      static_cast<H264Parser*>(generator.parser)->byte_by_byte = byte_by_byte;
+      static_cast<H264Parser*>(generator.parser.get())->scanner.byte_by_byte = byte_by_byte;
     }
     for (; at < bytes.size(); at += CHUNK_SIZE) {
       size_t count = bytes.size() - at < CHUNK_SIZE ? bytes.size() - at : CHUNK_SIZE;
@@ -155,7 +160,7 @@ void BM_H264Chain(benchmark::State& state) {
     blocks = generator.block_count;
     benchmark::DoNotOptimize(writer.frame_bytes);
   }
-  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * bytes.size()));
+  state.SetBytesProcessed(static_cast<int64_t>(iterations(state) * bytes.size()));
   state.counters["blocks"] = blocks;
 }
 
@@ -182,7 +187,7 @@ void BM_ReadFile(benchmark::State& state) {
     benchmark::DoNotOptimize(total);
   }
   std::remove(path.c_str());
-  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * total));
+  state.SetBytesProcessed(static_cast<int64_t>(iterations(state) * total));
 }
 
 BENCHMARK(BM_H264Parser)->ArgName("byte_by_byte")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);

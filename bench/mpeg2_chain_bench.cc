@@ -18,6 +18,11 @@
 
 namespace {
 
+// The count of iterations run, which is never negative, for products with sizes.
+uint64_t iterations(const benchmark::State& state) {
+  return static_cast<uint64_t>(state.iterations());
+}
+
 using Veldrin::IndexGen::CapturedPacket;
 using Veldrin::IndexGen::IndexGenerator;
 using Veldrin::IndexGen::TSPipeline;
@@ -83,7 +88,7 @@ void BM_Mpeg2ChainCountingWriter(benchmark::State& state) {
     records = writer.records;
     benchmark::DoNotOptimize(writer.frame_bytes);
   }
-  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * bytes.size()));
+  state.SetBytesProcessed(static_cast<int64_t>(iterations(state) * bytes.size()));
   state.counters["blocks"] = blocks;
   state.counters["records"] = static_cast<double>(records);
 }
@@ -110,7 +115,7 @@ void BM_Mpeg2ChainVdx2Writer(benchmark::State& state) {
     blocks = generator.block_count;
   }
   std::remove(path.c_str());
-  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * bytes.size()));
+  state.SetBytesProcessed(static_cast<int64_t>(iterations(state) * bytes.size()));
   state.counters["blocks"] = blocks;
 }
 

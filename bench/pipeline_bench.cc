@@ -12,6 +12,11 @@
 
 namespace {
 
+// The count of iterations run, which is never negative, for products with sizes.
+uint64_t iterations(const benchmark::State& state) {
+  return static_cast<uint64_t>(state.iterations());
+}
+
 constexpr size_t CHUNK_SIZE = 65536;
 constexpr size_t STREAM_SIZE = 256u << 20;
 
@@ -59,7 +64,7 @@ void BM_PipelineWithoutStages(benchmark::State& state) {
     feed(pipeline, bytes);
     benchmark::DoNotOptimize(pipeline.offset);
   }
-  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * bytes.size()));
+  state.SetBytesProcessed(static_cast<int64_t>(iterations(state) * bytes.size()));
 }
 
 void BM_PipelineWithCountingStage(benchmark::State& state) {
@@ -77,7 +82,7 @@ void BM_PipelineWithCountingStage(benchmark::State& state) {
     packets = counter.packets;
     benchmark::DoNotOptimize(counter.payload_bytes);
   }
-  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * bytes.size()));
+  state.SetBytesProcessed(static_cast<int64_t>(iterations(state) * bytes.size()));
   state.counters["packets"] = static_cast<double>(packets);
 }
 

@@ -21,7 +21,8 @@ set(CPACK_DEBIAN_PACKAGE_DESCRIPTION
 of its MPEG-2 or H.264 video at which play can start, rewrites them to play on
 their own and writes a VDX2 or VDX index of them. vdx2dump shows such an index,
 as text or JSON, finds the entry point for a play time, checks an index against
-its recording and replays the indexed frames.")
+its recording and replays the indexed frames. vdxdecrypt lists the key list of
+an encrypted copy and deciphers it with a recipient's private key.")
 set(VDX_PACKAGE_MAINTAINER
     "vdxindex maintainers <maintainers@users.noreply.c-seed-748c8376.example>"
     CACHE STRING "Maintainer of the Debian package")

@@ -150,17 +150,36 @@ bool AESCipher::run(const evp_cipher_st* cipher, unsigned char* data, int32_t le
     if (!context) return false;
     context_cipher = nullptr;
   }
-  // With the cipher of the last call the context is only keyed again, which allocates nothing.
-  const EVP_CIPHER* setup = cipher == context_cipher ? nullptr : cipher;
-  context_cipher = nullptr;
-  if (EVP_CipherInit_ex(context.get(), setup, nullptr, key.key, iv.key, encryption ? 1 : 0) != 1)
-    return false;
-  context_cipher = cipher;
-  EVP_CIPHER_CTX_set_padding(context.get(), 0);
+  const size_t key_bytes = key.byte_count();
+  const bool keyed = cipher == context_cipher && encryption == context_encryption &&
+                     std::memcmp(context_key, key.key, key_bytes) == 0;
+  const bool chained = iv.valid || ctr;
+  if (!keyed) {
+    // With the cipher of the last call the context is only keyed again, which allocates nothing.
+    const EVP_CIPHER* setup = cipher == context_cipher ? nullptr : cipher;
+    context_cipher = nullptr;
+    if (EVP_CipherInit_ex(context.get(), setup, nullptr, key.key, chained ? iv.key : nullptr,
+                          encryption ? 1 : 0) != 1)
+      return false;
+    EVP_CIPHER_CTX_set_padding(context.get(), 0);
+    context_cipher = cipher;
+    std::memcpy(context_key, key.key, key_bytes);
+    context_encryption = encryption;
+  } else if (chained) {
+    // The same key schedule; only the iv (CBC) or counter (CTR) starts again from the field.
+    if (EVP_CipherInit_ex(context.get(), nullptr, nullptr, nullptr, iv.key, encryption ? 1 : 0) !=
+        1) {
+      context_cipher = nullptr;
+      return false;
+    }
+  }
   if (length == 0) return true;
 
   int written = 0;
-  if (EVP_CipherUpdate(context.get(), data, &written, data, length) != 1) return false;
+  if (EVP_CipherUpdate(context.get(), data, &written, data, length) != 1) {
+    context_cipher = nullptr;
+    return false;
+  }
   if (iv.valid) EVP_CIPHER_CTX_get_updated_iv(context.get(), iv.key, 16);
   return true;
 }

@@ -80,10 +80,14 @@ class AESCipher {
 
   bool run(const evp_cipher_st* cipher, unsigned char* data, int32_t length, bool encryption);
 
-  // Kept from call to call so that enciphering a packet allocates nothing; the key is set up
-  // again at every call.
+  // Kept from call to call so that enciphering a packet allocates nothing. The key schedule is
+  // kept as well, and made again only when the cipher (key length and mode), the key bytes or the
+  // direction differ from the last call: every byte written stays the same, since ECB holds no
+  // state and CBC and CTR take the iv afresh at each call.
   std::unique_ptr<evp_cipher_ctx_st, ContextFree> context;
-  const evp_cipher_st* context_cipher = nullptr;
+  const evp_cipher_st* context_cipher = nullptr;  // null: not keyed
+  unsigned char context_key[AESKey::MAX_BYTES] = {};
+  bool context_encryption = false;
 };
 
 }  // namespace Korvix::Crypto

@@ -1,6 +1,7 @@
 #include "index/index_writer.h"
 
 #include <memory>
+#include <utility>
 
 namespace Veldrin::Index {
 
@@ -22,15 +23,14 @@ bool IndexWriter::open(const std::string& filename) {
   made->links = links;
   made->precision = precision;
   made->start(length);
-  file = made.release();
+  file = std::move(made);
   return true;
 }
 
 void IndexWriter::close() {
   if (file == nullptr) return;
   // Taken over first so that a failed write still closes the stream.
-  std::unique_ptr<IndexFile> closing(file);
-  file = nullptr;
+  const std::unique_ptr<IndexFile> closing = std::move(file);
   closing->entries.push_back(IndexEntry{length, last_npt, 0});
   closing->flush_blocks();
   closing->complete();

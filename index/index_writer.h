@@ -2,6 +2,7 @@
 #define VELDRIN_INDEX_INDEX_WRITER_H
 
 #include <cstdint>
+#include <memory>
 #include <sstream>
 #include <string>
 
@@ -17,17 +18,18 @@ class IndexWriter : public IndexGen::IndexWriter {
   IndexWriter(int32_t links, uint32_t precision, uint64_t length);
   ~IndexWriter() override;
 
-  bool open(const std::string& filename);
-  void close();
-  // Pushes what was written so far to the file without completing it.
-  void flush();
-
+  // What the generator hands over.
   void set_tables(const std::string& packets) override;
   void set_frame_preamble(const std::string& packets) override;
   void add_packet(IndexGen::CapturedPacket& captured) override;
   void add_pcr(uint64_t offset, double npt) override;
 
-  IndexFile* file = nullptr;  // owned
+  bool open(const std::string& filename);
+  void close();
+  // Pushes what was written so far to the file without completing it.
+  void flush();
+
+  std::unique_ptr<IndexFile> file;  // the open file; null while closed
   std::ostringstream block;
   std::string tables;
   std::string preamble;

@@ -13,44 +13,38 @@ IndexWriter::IndexWriter(uint32_t flags_, uint32_t block_size_)
 IndexWriter::~IndexWriter() {
   close();
   pending.clear();
-  // Nothing writes to the frame file once the writer is gone; closing it here is what puts its
-  // last buffered bytes on disk.
-  delete frame_stream;
-  frame_stream = nullptr;
+  // frame_stream goes with the writer: nothing writes to the frame file any more, and closing it
+  // puts its last buffered bytes on disk.
 }
 
 bool IndexWriter::open(const std::string& filename, bool append,
                        const std::string& frame_filename) {
   if (writer != nullptr) close();
 
-  index_stream = new std::ofstream(filename, std::ios::out | std::ios::trunc | std::ios::binary);
+  index_stream =
+      std::make_unique<std::ofstream>(filename, std::ios::out | std::ios::trunc | std::ios::binary);
   if (!*index_stream) {
-    delete index_stream;
-    index_stream = nullptr;
+    index_stream.reset();
     return false;
   }
 
   if (flags & FLAG_EXTERNAL_FRAMES) {
     if (frame_filename.empty()) {
-      delete index_stream;
-      index_stream = nullptr;
+      index_stream.reset();
       return false;
     }
     // A frame file of an earlier open has been flushed by close() and is no longer written.
-    delete frame_stream;
-    frame_stream =
-        new std::ofstream(frame_filename, std::ios::out | std::ios::binary |
-                                              (append ? std::ios::app : std::ios::trunc));
+    frame_stream = std::make_unique<std::ofstream>(
+        frame_filename,
+        std::ios::out | std::ios::binary | (append ? std::ios::app : std::ios::trunc));
     if (!*frame_stream) {
-      delete frame_stream;
-      frame_stream = nullptr;
-      delete index_stream;
-      index_stream = nullptr;
+      frame_stream.reset();
+      index_stream.reset();
       return false;
     }
   }
 
-  writer = new Korvix::Channel::StreamWriter(*index_stream);
+  writer = std::make_unique<Korvix::Channel::StreamWriter>(*index_stream);
   Header header;
   header.flags = flags;
   header.block_size = block_size;
@@ -60,10 +54,8 @@ bool IndexWriter::open(const std::string& filename, bool append,
 
 void IndexWriter::close() {
   if (writer != nullptr) {
-    delete writer;
-    writer = nullptr;
-    delete index_stream;
-    index_stream = nullptr;
+    writer.reset();
+    index_stream.reset();
     // A group under way is lost with the file it was meant for.
     pending.clear();
     in_group = false;

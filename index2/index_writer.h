@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <fstream>
 #include <list>
+#include <memory>
 #include <string>
 
 #include "foundation/channel/stream_writer.h"
@@ -33,9 +34,11 @@ class IndexWriter : public IndexGen::IndexWriter {
 
   void apply_npt(Block& block, const IndexGen::CapturedPacket& captured);
 
-  std::ofstream* index_stream = nullptr;            // owned
-  std::ofstream* frame_stream = nullptr;            // never closed by this class
-  Korvix::Channel::StreamWriter* writer = nullptr;  // owned; the open state
+  std::unique_ptr<std::ofstream> index_stream;  // the index file while open
+  // The external frame file. close() flushes it but leaves it open, since the run keeps its
+  // writer to the end; it is closed when open replaces it and when the writer is destroyed.
+  std::unique_ptr<std::ofstream> frame_stream;
+  std::unique_ptr<Korvix::Channel::StreamWriter> writer;  // on index_stream; the open state
   std::string tables;
   std::string preamble;
   uint32_t flags;

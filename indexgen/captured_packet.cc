@@ -9,7 +9,9 @@ void CapturedPacket::add_marker(int32_t position, bool is_end) {
     at += size;
     if (at < 0) at = 0;
   }
-  if (at > size) at = size - 1;
+  // An empty payload has no last byte: there every position is 0, so that applying the marker
+  // keeps at most one byte instead of reaching for the 4 GiB that size - 1 would stand for.
+  if (at > size) at = size > 0 ? size - 1 : 0;
   markers.push_back(FrameMarker{static_cast<uint32_t>(at), is_end});
 }
 

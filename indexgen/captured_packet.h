@@ -29,7 +29,8 @@ struct CapturedPacket {
   CapturedPacket() = default;
   explicit CapturedPacket(const TSPacket& packet_) : packet(packet_) {}
 
-  // A negative position counts from the end of the payload.
+  // A negative position counts from the end of the payload; one before the start becomes 0, one
+  // beyond the size the last byte. On an empty payload every position becomes 0.
   void add_marker(int32_t position, bool is_end);
   bool ends_frame() const { return !markers.empty() && markers.back().is_end; }
   bool starts_frame() const { return !markers.empty() && !markers.back().is_end; }

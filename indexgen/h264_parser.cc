@@ -1,6 +1,7 @@
 #include "indexgen/h264_parser.h"
 
-#include <cstring>
+#include <algorithm>
+#include <vector>
 
 #include "foundation/channel/bit_reader.h"
 #include "foundation/channel/block_reader.h"
@@ -32,7 +33,7 @@ void H264Parser::parse(CapturedPacket& r) {
   std::vector<unsigned char>& payload = r.packet.payload;
   if (r.packet.scrambling_control != 0) {
     // The open frame takes in the scrambled packet to its last byte; a collected unit is lost.
-    prefix_length = 0;
+    scanner.forget();
     if (in_capture(state)) {
       // A record that stays previous must stay held: a start code may still put a marker on it.
       if (capture_end != nullptr && !(capture_end == previous && payload.empty())) {
@@ -46,33 +47,7 @@ void H264Parser::parse(CapturedPacket& r) {
       state = CAPTURE_NONE;
     }
   } else {
-    const unsigned char* p = payload.data();
-    const size_t size = payload.size();
-    const int64_t h = static_cast<int64_t>(r.pes_header_length);
-    size_t i = r.pes_header_length;
-    if (byte_by_byte) {
-      for (; i < size; ++i) step(r, p[i], static_cast<int64_t>(i), h);
-    } else {
-      while (i < size) {
-        // Outside a start code, a run of non-zero bytes that adds nothing to a slice header
-        // only moves last_byte on and, while a unit is collected, joins it.
-        if (prefix_length <= 1 && (collecting(state) || unit.size() >= SLICE_HEADER_BYTES)) {
-          const void* zero = std::memchr(p + i, 0, size - i);
-          size_t end = zero != nullptr
-                           ? static_cast<size_t>(static_cast<const unsigned char*>(zero) - p)
-                           : size;
-          if (end > i) {
-            if (collecting(state)) unit.append(reinterpret_cast<const char*>(p + i), end - i);
-            prefix_length = 0;
-            last_byte = p[end - 1];
-            i = end;
-            continue;
-          }
-        }
-        step(r, p[i], static_cast<int64_t>(i), h);
-        ++i;
-      }
-    }
+    scan(r);
   }
   if (payload.empty()) return;
   if (previous != nullptr && previous != capture_end) previous->state = PACKET_FREE;
@@ -80,25 +55,29 @@ void H264Parser::parse(CapturedPacket& r) {
   r.state = PACKET_HELD;
 }
 
-inline void H264Parser::step(CapturedPacket& r, uint8_t b, int64_t i, int64_t h) {
-  bool finish = false;
-  if (collecting(state)) {
-    unit.push_back(static_cast<char>(b));
-  } else if (unit.size() < SLICE_HEADER_BYTES) {
-    unit.push_back(static_cast<char>(b));
-    if (unit.size() == SLICE_HEADER_BYTES) finish = frame_num_changed();
+void H264Parser::scan(CapturedPacket& r) {
+  const unsigned char* p = r.packet.payload.data();
+  const size_t size = r.packet.payload.size();
+  const size_t h = static_cast<size_t>(r.pes_header_length);
+  size_t i = h;
+  while (i < size) {
+    // Outside a collected unit only the first bytes of a slice are gathered, one run at a time
+    // up to the eighth, whose frame_num test comes ahead of that byte's own unit step.
+    const bool slice_header = !collecting(state) && unit.size() < SLICE_HEADER_BYTES;
+    const size_t end = slice_header ? std::min(size, i + (SLICE_HEADER_BYTES - unit.size())) : size;
+    const StartCode code = scanner.find(p, i, end);
+    // The value byte of a start code, if any, is the last byte of the run.
+    const size_t stop = code.found() ? code.index + 1 : end;
+    if (collecting(state) || slice_header) {
+      unit.append(reinterpret_cast<const char*>(p + i), stop - i);
+    }
+    if (slice_header && unit.size() == SLICE_HEADER_BYTES && frame_num_changed() &&
+        in_capture(state)) {
+      end_capture();
+    }
+    if (code.found()) unit_step(r, p[code.index], code, h);
+    i = stop;
   }
-  if (finish && in_capture(state)) end_capture();
-  if (last_byte == 1 && prefix_length >= 3) {
-    unit_step(r, b, i, h);
-  } else if (b == 0) {
-    if (prefix_length < 3) ++prefix_length;
-  } else if (b == 1) {
-    prefix_length = (prefix_length == 2 || prefix_length == 3) ? prefix_length + 1 : 0;
-  } else {
-    prefix_length = 0;
-  }
-  last_byte = b;
 }
 
 bool H264Parser::frame_num_changed() {
@@ -140,47 +119,37 @@ void H264Parser::end_capture() {
   state = CAPTURE_NONE;
 }
 
-void H264Parser::unit_step(CapturedPacket& r, uint8_t b, int64_t i, int64_t h) {
-  const int64_t n = prefix_length;
-  CapturedPacket* start_record;
-  int64_t start_position;
-  if (n + h <= i) {
-    start_record = &r;
-    start_position = i - n;
-  } else {
-    start_record = previous;
-    start_position = i - n - h;
-  }
+void H264Parser::unit_step(CapturedPacket& r, uint8_t b, const StartCode& code, size_t h) {
+  const size_t n = static_cast<size_t>(code.prefix_length);
+  // Where the start code begins.
+  const BytePlace start = code.place_back(h, n);
+  CapturedPacket* start_record = start.in_previous ? previous : &r;
   const uint8_t type = b & 31;
   const bool reference = (b & 0x60) != 0;
   log.detail << "H.264 unit type: " << std::hex << static_cast<int>(type) << std::dec
              << (reference ? " REF IDC" : "") << " (offset: " << r.packet.offset << ")\n";
 
-  if (collecting(state)) finish_unit(static_cast<int32_t>(n));
+  if (collecting(state)) finish_unit(code.prefix_length);
   if (in_capture(state)) {
     // Nothing is collected during a capture; a slice only restarts the header bytes.
     if (is_slice(type)) unit.clear();
     if (is_slice(last_unit_type)) {
       // The frame so far ends ahead of this start code.
       if (capture_end != nullptr) capture_end->state = PACKET_FREE;
-      if (n + h + 1 <= i) {
-        capture_end = &r;
-        capture_end_position = static_cast<int32_t>(i - n - 1);
-      } else {
-        capture_end = previous;
-        capture_end_position = static_cast<int32_t>(i - n - h - 1);
-      }
+      const BytePlace end = code.place_back(h, n + 1);
+      capture_end = end.in_previous ? previous : &r;
+      capture_end_position = end.position;
       if (capture_end != nullptr) capture_end->state = PACKET_HELD;
     }
   } else if (is_slice(type)) {
     unit.clear();
-    capture_decision(type, reference, start_record, static_cast<int32_t>(start_position));
+    capture_decision(type, reference, start_record, start.position);
   } else if (type == NAL_AUD || type == NAL_SPS || type == NAL_PPS || type == NAL_SEI) {
     state = type == NAL_AUD   ? COLLECT_AUD
             : type == NAL_SPS ? COLLECT_SPS
             : type == NAL_PPS ? COLLECT_PPS
                               : COLLECT_SEI;
-    unit.assign(static_cast<size_t>(n > 0 ? n - 1 : 0), '\0');
+    unit.assign(n - 1, '\0');
     unit.push_back('\x01');
     unit.push_back(static_cast<char>(b));
   }
@@ -190,7 +159,6 @@ void H264Parser::unit_step(CapturedPacket& r, uint8_t b, int64_t i, int64_t h) {
     headers_seen = false;
   }
   if (type == NAL_SPS) headers_seen = true;
-  prefix_length = 0;
   last_unit_type = type;
 }
 

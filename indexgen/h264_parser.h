@@ -8,6 +8,7 @@
 #include "foundation/log/stream.h"
 #include "indexgen/captured_packet.h"
 #include "indexgen/parser.h"
+#include "transport/start_code_scanner.h"
 
 namespace Veldrin::IndexGen {
 
@@ -48,8 +49,7 @@ class H264Parser : public Parser {
 
   void parse(CapturedPacket& r) override;
 
-  int32_t prefix_length = 0;  // bytes of the current start code so far; 3 or 4 when complete
-  uint8_t last_byte = 0;
+  StartCodeScanner scanner;  // carries a start code across packets
   CaptureState state = CAPTURE_NONE;
   int32_t recovery_frames = -1;  // pictures left to the recovery point; negative when none
   int32_t last_frame_num = -1;   // negative when unknown
@@ -66,13 +66,10 @@ class H264Parser : public Parser {
   int32_t capture_end_position = 0;
   uint8_t last_unit_type = 0;
 
-  // The straightforward scan, one step per byte, kept as the reference that the fast scan must
-  // match byte for byte.
-  bool byte_by_byte = false;
-
  private:
-  void step(CapturedPacket& r, uint8_t b, int64_t i, int64_t h);
-  void unit_step(CapturedPacket& r, uint8_t b, int64_t i, int64_t h);
+  // Gathers the bytes of the payload and takes each NAL unit as its start code is found.
+  void scan(CapturedPacket& r);
+  void unit_step(CapturedPacket& r, uint8_t b, const StartCode& code, size_t h);
   bool frame_num_changed();
   void end_capture();
   void finish_unit(int32_t n);

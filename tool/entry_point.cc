@@ -117,24 +117,15 @@ void write_entry_point_json(std::ostream& out, const std::string& index, const E
                             const EntryPoint& point, double seconds) {
   Korvix::Text::JsonWriter json(out);
   json.begin_object();
-  json.key("index");
-  json.string_value(index);
-  json.key("format");
-  json.string_value(index_format_name(points.format));
-  json.key("seconds");
-  json.double_value(seconds);
-  json.key("entry_points");
-  json.unsigned_value(points.points.size());
-  json.key("entry");
-  json.unsigned_value(point.number);
-  json.key("block");
-  json.unsigned_value(point.block);
-  json.key("position");
-  json.unsigned_value(point.position);
-  json.key("npt_ms");
-  json.unsigned_value(point.npt_ms);
-  json.key("offset");
-  json.unsigned_value(point.offset);
+  json.key("index").string_value(index);
+  json.key("format").string_value(index_format_name(points.format));
+  json.key("seconds").double_value(seconds);
+  json.key("entry_points").unsigned_value(points.points.size());
+  json.key("entry").unsigned_value(point.number);
+  json.key("block").unsigned_value(point.block);
+  json.key("position").unsigned_value(point.position);
+  json.key("npt_ms").unsigned_value(point.npt_ms);
+  json.key("offset").unsigned_value(point.offset);
   if (points.external_frames) {
     json.key("frame_offset");
     if (point.has_frame_offset)

@@ -23,8 +23,7 @@ constexpr int32_t JSON_INDENT = 2;
 constexpr int32_t JSON_FLAT_DEPTH = 2;
 
 void write_data(JsonWriter& json, const std::string& data) {
-  json.key("data");
-  json.string_value(
+  json.key("data").string_value(
       Korvix::Text::bytes_to_hex(reinterpret_cast<const unsigned char*>(data.data()), data.size()));
 }
 
@@ -48,8 +47,34 @@ void write_sizes(JsonWriter& json, const char* name, const std::vector<uint32_t>
 // Ends a document whose blocks array stands open, after a read that failed.
 void end_with_error(JsonWriter& json, const Korvix::Channel::Error& error) {
   json.end_array();
-  json.key("error");
-  json.string_value("damaged or cut short (" + error.text + ")");
+  json.key("error").string_value("damaged or cut short (" + error.text + ")");
+  json.end_object();
+  json.finish();
+}
+
+// Opens the document with the index's name and format, and opens its header object.
+void begin_document(JsonWriter& json, const std::string& name, const char* format) {
+  json.begin_object();
+  json.key("index").string_value(name);
+  json.key("format").string_value(format);
+  json.key("header");
+  json.begin_object();
+}
+
+// Writes the blocks array, one block a call of write_block until it returns false, and ends the
+// document. A read that fails ends the document with the error, which goes on to the caller.
+template <typename WriteBlock>
+void write_blocks(JsonWriter& json, WriteBlock write_block) {
+  json.key("blocks");
+  json.begin_array();
+  try {
+    while (write_block()) {
+    }
+  } catch (const Korvix::Channel::Error& error) {
+    end_with_error(json, error);
+    throw;
+  }
+  json.end_array();
   json.end_object();
   json.finish();
 }
@@ -61,72 +86,44 @@ void dump_vdx2(std::istream& in, const std::string& name, std::ostream& out, boo
   const uint64_t header_size = reader.offset;
 
   JsonWriter json(out, JSON_INDENT, JSON_FLAT_DEPTH);
-  json.begin_object();
-  json.key("index");
-  json.string_value(name);
-  json.key("format");
-  json.string_value("VDX2");
-  json.key("header");
-  json.begin_object();
-  json.key("header_size");
-  json.unsigned_value(header_size);
-  json.key("flags");
-  json.unsigned_value(header.flags);
-  json.key("external_frames");
-  json.bool_value((header.flags & Index2::FLAG_EXTERNAL_FRAMES) != 0);
-  json.key("block_size");
-  json.unsigned_value(header.block_size);
+  begin_document(json, name, "VDX2");
+  json.key("header_size").unsigned_value(header_size);
+  json.key("flags").unsigned_value(header.flags);
+  json.key("external_frames").bool_value((header.flags & Index2::FLAG_EXTERNAL_FRAMES) != 0);
+  json.key("block_size").unsigned_value(header.block_size);
   json.end_object();
-  json.key("blocks");
-  json.begin_array();
 
   Index2::Block block;
   block.size = header.block_size;
   uint64_t number = 0;
   uint64_t groups = 0;  // groups begun so far
-  try {
-    for (; in.peek() != std::char_traits<char>::eof(); ++number) {
-      const uint64_t position = reader.offset;
-      block.read(reader);
-      const bool grouped = block.count != 0;
-      if (grouped && (block.index == 0 || groups == 0)) ++groups;
-      json.begin_object();
-      json.key("number");
-      json.unsigned_value(number);
-      json.key("position");
-      json.unsigned_value(position);
-      json.key("offset");
-      json.unsigned_value(block.offset);
-      json.key("npt_ms");
-      json.unsigned_value(stored_milliseconds(block.npt));
-      json.key("flags");
-      json.unsigned_value(block.flags);
-      write_flag_names(json, block.flags);
-      json.key("count");
-      json.unsigned_value(block.count);
-      json.key("index");
-      json.unsigned_value(block.index);
-      json.key("group");
-      if (grouped)
-        json.unsigned_value(groups - 1);
-      else
-        json.null_value();
-      json.key("ref_length");
-      json.unsigned_value(block.ref_length);
-      json.key("ref_offset");
-      json.unsigned_value(block.ref_offset);
-      json.key("data_length");
-      json.unsigned_value(block.data.size());
-      if (show_data) write_data(json, block.data);
-      json.end_object();
-    }
-  } catch (const Korvix::Channel::Error& error) {
-    end_with_error(json, error);
-    throw;
-  }
-  json.end_array();
-  json.end_object();
-  json.finish();
+  write_blocks(json, [&] {
+    if (in.peek() == std::char_traits<char>::eof()) return false;
+    const uint64_t position = reader.offset;
+    block.read(reader);
+    const bool grouped = block.count != 0;
+    if (grouped && (block.index == 0 || groups == 0)) ++groups;
+    json.begin_object();
+    json.key("number").unsigned_value(number++);
+    json.key("position").unsigned_value(position);
+    json.key("offset").unsigned_value(block.offset);
+    json.key("npt_ms").unsigned_value(stored_milliseconds(block.npt));
+    json.key("flags").unsigned_value(block.flags);
+    write_flag_names(json, block.flags);
+    json.key("count").unsigned_value(block.count);
+    json.key("index").unsigned_value(block.index);
+    json.key("group");
+    if (grouped)
+      json.unsigned_value(groups - 1);
+    else
+      json.null_value();
+    json.key("ref_length").unsigned_value(block.ref_length);
+    json.key("ref_offset").unsigned_value(block.ref_offset);
+    json.key("data_length").unsigned_value(block.data.size());
+    if (show_data) write_data(json, block.data);
+    json.end_object();
+    return true;
+  });
 }
 
 void dump_vdx(std::istream& in, const std::string& name, std::ostream& out, bool show_data) {
@@ -135,73 +132,44 @@ void dump_vdx(std::istream& in, const std::string& name, std::ostream& out, bool
   reader.read_header();
 
   JsonWriter json(out, JSON_INDENT, JSON_FLAT_DEPTH);
-  json.begin_object();
-  json.key("index");
-  json.string_value(name);
-  json.key("format");
-  json.string_value("VDX");
-  json.key("header");
-  json.begin_object();
-  json.key("header_size");
-  json.unsigned_value(reader.header_size);
-  json.key("version");
-  json.unsigned_value(reader.version);
-  json.key("blocks");
-  json.unsigned_value(reader.blocks);
-  json.key("precision");
-  json.unsigned_value(reader.precision);
-  json.key("entries");
-  json.unsigned_value(reader.table.size());
+  begin_document(json, name, "VDX");
+  json.key("header_size").unsigned_value(reader.header_size);
+  json.key("version").unsigned_value(reader.version);
+  json.key("blocks").unsigned_value(reader.blocks);
+  json.key("precision").unsigned_value(reader.precision);
+  json.key("entries").unsigned_value(reader.table.size());
   json.end_object();
   json.key("table");
   json.begin_array();
   for (size_t i = 0; i < reader.table.size(); ++i) {
     const Index::TableEntry& entry = reader.table[i];
     json.begin_object();
-    json.key("number");
-    json.unsigned_value(i);
-    json.key("source_position");
-    json.unsigned_value(uint64_t{reader.precision} * i);
-    json.key("block_page");
-    json.unsigned_value(entry.block_page);
-    json.key("block_position");
-    json.unsigned_value(uint64_t{entry.block_page} * Index::PAGE_SIZE);
-    json.key("npt_ms");
-    json.unsigned_value(stored_milliseconds(entry.npt));
-    json.key("offset");
-    json.unsigned_value(entry.offset);
+    json.key("number").unsigned_value(i);
+    json.key("source_position").unsigned_value(uint64_t{reader.precision} * i);
+    json.key("block_page").unsigned_value(entry.block_page);
+    json.key("block_position").unsigned_value(uint64_t{entry.block_page} * Index::PAGE_SIZE);
+    json.key("npt_ms").unsigned_value(stored_milliseconds(entry.npt));
+    json.key("offset").unsigned_value(entry.offset);
     json.end_object();
   }
   json.end_array();
-  json.key("blocks");
-  json.begin_array();
 
   Index::FrameBlock block;
-  try {
-    for (uint64_t number = 0; reader.read_block(block); ++number) {
-      json.begin_object();
-      json.key("number");
-      json.unsigned_value(number);
-      json.key("position");
-      json.unsigned_value(block.position);
-      json.key("size");
-      json.unsigned_value(block.size);
-      json.key("npt_ms");
-      json.unsigned_value(stored_milliseconds(block.npt));
-      json.key("offset");
-      json.unsigned_value(block.offset);
-      write_sizes(json, "forward", block.forward);
-      write_sizes(json, "backward", block.backward);
-      if (show_data) write_data(json, block.data);
-      json.end_object();
-    }
-  } catch (const Korvix::Channel::Error& error) {
-    end_with_error(json, error);
-    throw;
-  }
-  json.end_array();
-  json.end_object();
-  json.finish();
+  uint64_t number = 0;
+  write_blocks(json, [&] {
+    if (!reader.read_block(block)) return false;
+    json.begin_object();
+    json.key("number").unsigned_value(number++);
+    json.key("position").unsigned_value(block.position);
+    json.key("size").unsigned_value(block.size);
+    json.key("npt_ms").unsigned_value(stored_milliseconds(block.npt));
+    json.key("offset").unsigned_value(block.offset);
+    write_sizes(json, "forward", block.forward);
+    write_sizes(json, "backward", block.backward);
+    if (show_data) write_data(json, block.data);
+    json.end_object();
+    return true;
+  });
 }
 
 }  // namespace

@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "index2/block.h"
+
 namespace Veldrin::Tool {
 
 namespace {
@@ -154,7 +156,7 @@ ParseOutcome parse_options(int argc, const char* const* argv, Settings& settings
       case OPTION_HELP:
         print_usage(out, argv[0] != nullptr ? argv[0] : "");
         outcome.finished = true;
-        outcome.status = 0;
+        outcome.status = STATUS_OK;
         return outcome;
       case OPTION_QUIET:
         settings.log_level--;
@@ -172,7 +174,7 @@ ParseOutcome parse_options(int argc, const char* const* argv, Settings& settings
           // The number, not the text typed: the setting as it stands.
           err << "Unknown format " << settings.format << " specified" << std::endl;
           outcome.finished = true;
-          outcome.status = 2;
+          outcome.status = STATUS_UNKNOWN_FORMAT;
           return outcome;
         }
         break;
@@ -234,7 +236,9 @@ ParseOutcome parse_options(int argc, const char* const* argv, Settings& settings
         break;
     }
   }
-  if (settings.external_frames) settings.index_flags |= INDEX_FLAG_EXTERNAL_FRAMES;
+  if (settings.external_frames) {
+    settings.index_flags |= static_cast<int32_t>(Index2::FLAG_EXTERNAL_FRAMES);
+  }
   outcome.next = i;
   return outcome;
 }

@@ -6,20 +6,22 @@
 #include <string>
 #include <vector>
 
+#include "tool/exit_status.h"
+
 namespace Veldrin::Tool {
 
 constexpr const char* BANNER = "Veldrin MPEG2 Transport Stream indexer version 3.1.6";
 
-constexpr int32_t FORMAT_VDX = 0;
-constexpr int32_t FORMAT_VDX2 = 1;
-
-// Bit 0 of the VDX2 flags: the frames go to an external file.
-constexpr int32_t INDEX_FLAG_EXTERNAL_FRAMES = 1;
+// The index format of a run; the unknown-format message prints the number.
+enum IndexFormat : int32_t {
+  FORMAT_VDX = 0,
+  FORMAT_VDX2 = 1,
+};
 
 // Everything the command line decides for a run, with its defaults.
 struct Settings {
   int32_t log_level = 2;
-  int32_t format = FORMAT_VDX2;
+  IndexFormat format = FORMAT_VDX2;
   int32_t index_links = 16;
   int32_t index_precision = 65536;
   int32_t index_flags = 0;
@@ -45,7 +47,7 @@ struct Settings {
 // What the option loop leaves for the run.
 struct ParseOutcome {
   bool finished = false;  // the run ends here with status
-  int status = 0;
+  ExitStatus status = STATUS_OK;
   int next = 1;  // index of the first positional argument; argc if there is none
 };
 

@@ -27,9 +27,7 @@ namespace {
 // The input is fed to the chain in chunks of this size, through one reused buffer.
 constexpr size_t CHUNK_SIZE = 65536;
 
-// The index writer of the run, of one format or the other. It is made with new and never
-// deleted: its destructor would complete the file, which an end without close must not do.
-// The pointers live here, in static storage, so that the writer stays reachable to the end.
+// The index writer of the run, of one format or the other, reachable to the end of the process.
 struct RunWriter {
   Index::IndexWriter* vdx = nullptr;
   Index2::IndexWriter* vdx2 = nullptr;
@@ -70,7 +68,7 @@ int run(int argc, char** argv) {
   const std::string program = argc > 0 && argv[0] != nullptr ? argv[0] : "";
   if (argc <= 1) {
     print_usage(std::cout, program);
-    return 1;
+    return STATUS_USAGE;
   }
 
   Settings settings;
@@ -84,7 +82,7 @@ int run(int argc, char** argv) {
 
   if (!take_names(argc, argv, outcome.next, settings)) {
     print_usage(std::cout, program);
-    return 1;
+    return STATUS_USAGE;
   }
 
   log.summary << BANNER << std::endl;
@@ -101,11 +99,11 @@ int run(int argc, char** argv) {
     if (input_file->fail()) {
       int error = errno;
       log.error << "Can't open input file: " << std::strerror(error) << std::endl;
-      return 2;
+      return STATUS_CANT_OPEN;
     }
     if (!align_stream(*input_file, settings.start_offset)) {
       log.error << "Could not align to start of TS stream - aborting" << std::endl;
-      return 6;
+      return STATUS_NO_ALIGNMENT;
     }
     input = input_file.get();
   }
@@ -125,6 +123,9 @@ int run(int argc, char** argv) {
               << std::endl;
 
   // The output exists before anything of the stream beyond the alignment has been looked at.
+  // The writer is made with new and never deleted, on purpose: its destructor would complete
+  // the file, which an end without close (statuses 7 and 9) must not do. What it has written is
+  // flushed instead, and the pointer stays in static storage so that it is reachable to the end.
   bool opened = false;
   if (settings.format == FORMAT_VDX) {
     run_writer.vdx = new Index::IndexWriter(settings.index_links,
@@ -139,7 +140,7 @@ int run(int argc, char** argv) {
   if (!opened) {
     int error = errno;
     log.error << "Can't open output file: " << std::strerror(error) << std::endl;
-    return 2;
+    return STATUS_CANT_OPEN;
   }
 
   IndexGen::IndexGenerator generator(run_writer.get(), settings.include_tables, settings.dump,
@@ -154,7 +155,7 @@ int run(int argc, char** argv) {
     if (!sync->open(settings.offset_file)) {
       log.error << "Could not open offset sync file: " << settings.offset_file << std::endl;
       run_writer.flush();
-      return 7;
+      return STATUS_NO_OFFSET_FILE;
     }
     last->attach(sync.get());
     last = sync.get();
@@ -183,7 +184,7 @@ int run(int argc, char** argv) {
         if (!input->eof()) {
           log.error << "Could not synchronise with offset file. Aborting." << std::endl;
           run_writer.flush();
-          return 9;
+          return STATUS_SYNC_LOST;
         }
       }
     }
@@ -194,18 +195,18 @@ int run(int argc, char** argv) {
   run_writer.close();
 
   RunStatistics statistics;
-  statistics.duration = generator.duration;
-  statistics.first_offset = generator.first_offset;
-  statistics.last_offset = generator.last_offset;
-  statistics.max_rate = generator.max_rate;
-  statistics.min_rate = generator.min_rate;
+  statistics.duration = generator.time_base.duration;
+  statistics.first_offset = generator.time_base.first_offset;
+  statistics.last_offset = generator.time_base.last_offset;
+  statistics.max_rate = generator.time_base.max_rate;
+  statistics.min_rate = generator.time_base.min_rate;
   write_statistics(log.summary, statistics);
 
   sync.reset();
   input_file.reset();
 
   log.summary << "Done" << std::endl;
-  return 0;
+  return STATUS_OK;
 }
 
 }  // namespace Veldrin::Tool

@@ -6,10 +6,6 @@
 
 namespace Veldrin::Tool {
 
-// A double truncated to a signed 32-bit number; a value that doesn't fit, or isn't a number,
-// gives -2147483648 as the processor's conversion does.
-int32_t truncate_to_int32(double value);
-
 // What the index generator measured over the run.
 struct RunStatistics {
   double duration = -1.0;  // seconds from the first to the last accepted PCR; -1 without PCR

@@ -1,43 +1,8 @@
 #include "transport/pes.h"
 
+#include "transport/clock.h"
+
 namespace Veldrin::IndexGen {
-
-namespace {
-
-constexpr double PES_CLOCK = 90000.0;
-
-// Bytes of one coded time stamp.
-constexpr int32_t TIME_STAMP_SIZE = 5;
-
-// PTS_DTS_flags and the prefixes of the coded time stamps.
-constexpr uint32_t FLAG_PTS = 0x80;
-constexpr uint32_t FLAG_DTS = 0x40;
-constexpr uint32_t PREFIX_PTS_ONLY = 0x21;
-constexpr uint32_t PREFIX_PTS_WITH_DTS = 0x31;
-constexpr uint32_t PREFIX_DTS = 0x11;
-
-// The marker bits and the four-bit prefix are not examined, nor is the 33-bit wrap handled.
-double read_time_stamp(Korvix::Channel::Reader& reader) {
-  uint64_t b = reader.read_byte();
-  uint64_t w = reader.read_nbo_32();
-  uint64_t ticks = ((b & 0x0E) << 29) + ((w >> 17) << 15) + ((w & 0xFFFE) >> 1);
-  return static_cast<double>(ticks) / PES_CLOCK;
-}
-
-// Seconds to 90 kHz ticks, truncated. Values beyond 64 bits, which no stream holds, give 0.
-uint64_t to_ticks(double seconds) {
-  double ticks = seconds * PES_CLOCK;
-  if (!(ticks >= 0.0 && ticks < 18446744073709551616.0)) return 0;
-  return static_cast<uint64_t>(ticks);
-}
-
-void write_time_stamp(Korvix::Channel::Writer& writer, uint32_t prefix, double seconds) {
-  uint64_t n = to_ticks(seconds);
-  writer.write_byte(prefix | ((n >> 29) & 0x0E));
-  writer.write_nbo_32(static_cast<uint32_t>(((n * 4) & 0xFFFE0000) | ((n * 2) & 0xFFFF) | 0x10001));
-}
-
-}  // namespace
 
 bool PESReader::read_header(PESHeader& header, int32_t& payload_length) {
   try {
@@ -69,13 +34,13 @@ bool PESReader::read_header(PESHeader& header, int32_t& payload_length) {
     int32_t header_length = reader.read_byte();
     int32_t consumed = 0;
     // The two flags are taken one by one: the forbidden value 01 reads a DTS and no PTS.
-    if (flags & FLAG_PTS) {
+    if (flags & PES_PTS_FLAG) {
       header.pts = read_time_stamp(reader);
-      consumed += TIME_STAMP_SIZE;
+      consumed += static_cast<int32_t>(TIME_STAMP_SIZE);
     }
-    if (flags & FLAG_DTS) {
+    if (flags & PES_DTS_FLAG) {
       header.dts = read_time_stamp(reader);
-      consumed += TIME_STAMP_SIZE;
+      consumed += static_cast<int32_t>(TIME_STAMP_SIZE);
     }
     header.stuffing_length = header_length - consumed;
     // A header shorter than its time stamps fails as a skip would; the reader never steps back.
@@ -102,8 +67,8 @@ bool PESWriter::write_header(const PESHeader& header, int32_t payload_length) {
     writer.write_nbo_32(0x100 + stream_id);
 
     int32_t header_length = header.stuffing_length;
-    if (has_pts) header_length += TIME_STAMP_SIZE;
-    if (has_dts) header_length += TIME_STAMP_SIZE;
+    if (has_pts) header_length += static_cast<int32_t>(TIME_STAMP_SIZE);
+    if (has_dts) header_length += static_cast<int32_t>(TIME_STAMP_SIZE);
 
     // A length that doesn't fit the field is written as 0, unbounded.
     int64_t packet_length = static_cast<int64_t>(payload_length) + header_length + 3;
@@ -120,7 +85,7 @@ bool PESWriter::write_header(const PESHeader& header, int32_t payload_length) {
     uint32_t flags = 0x8000 | (static_cast<uint32_t>(header.scrambling_control) << 12);
     if (header.data_alignment) flags |= 0x400;
     // A DTS without a PTS is written, but the flags don't announce it.
-    if (has_pts) flags |= has_dts ? FLAG_PTS | FLAG_DTS : FLAG_PTS;
+    if (has_pts) flags |= has_dts ? PES_PTS_FLAG | PES_DTS_FLAG : PES_PTS_FLAG;
     writer.write_nbo_16(flags);
     writer.write_byte(static_cast<uint32_t>(header_length));
 

@@ -26,7 +26,8 @@ void TSPipeline::read(const unsigned char* data, int32_t length) {
         reader.skip(left);
         throw Korvix::Channel::Error(0, "EOF");
       }
-      reader.skip(static_cast<const unsigned char*>(found) - here);
+      // memchr found it at or behind here.
+      reader.skip(static_cast<uint64_t>(static_cast<const unsigned char*>(found) - here));
       if (reader.length - reader.offset < static_cast<uint64_t>(TS_PACKET_SIZE)) break;
       TSPacket packet;
       packet.offset = offset + reader.offset;
@@ -49,7 +50,7 @@ bool TSPipeline::read_packet(Korvix::Channel::Reader& reader, TSPacket& packet) 
     error << "Could not read TS header" << std::endl;
     return false;
   }
-  if (payload_length < 0 || payload_length > 184) {
+  if (payload_length < 0 || payload_length > TS_PAYLOAD_MAX) {
     Korvix::Log::Error error;
     error << "Bad TS payload size" << std::endl;
     return false;

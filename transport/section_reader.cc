@@ -27,7 +27,7 @@ void read_descriptors(SectionReader& reader, const unsigned char* start, size_t 
 
 }  // namespace
 
-int32_t SectionReader::read_section(SectionHeader& header) {
+SectionStatus SectionReader::read_section(SectionHeader& header) {
   try {
     uint8_t pointer_field = reader.read_byte();
     reader.read(nullptr, pointer_field);
@@ -59,8 +59,8 @@ int32_t SectionReader::read_section(SectionHeader& header) {
   }
 }
 
-int32_t SectionReader::read(PATSection& pat) {
-  int32_t status = read_section(pat);
+SectionStatus SectionReader::read(PATSection& pat) {
+  SectionStatus status = read_section(pat);
   if (status != SECTION_GOOD) return status;
   pat.id = static_cast<uint16_t>(word_at(data, 3));
   if (data.size() < 16) return SECTION_GOOD;
@@ -72,8 +72,8 @@ int32_t SectionReader::read(PATSection& pat) {
   return SECTION_GOOD;
 }
 
-int32_t SectionReader::read(PMTSection& pmt) {
-  int32_t status = read_section(pmt);
+SectionStatus SectionReader::read(PMTSection& pmt) {
+  SectionStatus status = read_section(pmt);
   if (status != SECTION_GOOD) return status;
   size_t size = data.size();
   if (size < 12) return SECTION_BAD;
@@ -101,8 +101,8 @@ int32_t SectionReader::read(PMTSection& pmt) {
   }
 }
 
-int32_t SectionReader::read(CATSection& cat) {
-  int32_t status = read_section(cat);
+SectionStatus SectionReader::read(CATSection& cat) {
+  SectionStatus status = read_section(cat);
   if (status != SECTION_GOOD) return status;
   // The count is the size less 12, cut to 16 bits. Below 12 bytes that wraps; the block is
   // then held to the bytes that the section has behind byte 8.

@@ -15,10 +15,10 @@ class SectionReader {
  public:
   explicit SectionReader(Korvix::Channel::Reader& reader_) : reader(reader_) {}
 
-  int32_t read_section(SectionHeader& header);
-  int32_t read(PATSection& pat);
-  int32_t read(PMTSection& pmt);
-  int32_t read(CATSection& cat);
+  SectionStatus read_section(SectionHeader& header);
+  SectionStatus read(PATSection& pat);
+  SectionStatus read(PMTSection& pmt);
+  SectionStatus read(CATSection& cat);
   // False at the end of the block or at a descriptor that runs over it.
   bool read_descriptor(Korvix::Channel::Reader& source, Descriptor& descriptor);
 

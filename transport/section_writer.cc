@@ -17,6 +17,16 @@ size_t descriptors_size(const std::list<Descriptor>& descriptors) {
   return size;
 }
 
+template <typename Section>
+std::vector<unsigned char> write_into_buffer(const Section& section) {
+  std::vector<unsigned char> bytes(SECTION_BUFFER_SIZE);
+  Korvix::Channel::BlockWriter block(bytes.data(), bytes.size());
+  SectionWriter writer(block);
+  writer.write(section);
+  bytes.resize(static_cast<size_t>(block.offset));
+  return bytes;
+}
+
 }  // namespace
 
 bool SectionWriter::write_section(const SectionHeader& header) {
@@ -127,6 +137,22 @@ bool SectionWriter::write_descriptor(Korvix::Channel::Writer& target,
   } catch (const Korvix::Channel::Error&) {
     return false;
   }
+}
+
+std::vector<unsigned char> written_section(const PATSection& pat) {
+  return write_into_buffer(pat);
+}
+
+std::vector<unsigned char> written_section(const PMTSection& pmt) {
+  return write_into_buffer(pmt);
+}
+
+std::vector<unsigned char> written_section(const CATSection& cat) {
+  return write_into_buffer(cat);
+}
+
+std::vector<unsigned char> written_section(const RawSection& raw) {
+  return write_into_buffer(raw);
 }
 
 }  // namespace Veldrin::IndexGen

@@ -24,6 +24,13 @@ class SectionWriter {
   std::vector<unsigned char> data;  // the section under construction
 };
 
+// A model written whole, pointer_field first, into a buffer of SECTION_BUFFER_SIZE bytes, the
+// most that a written section takes; gives the bytes written, none when the writer refused it.
+std::vector<unsigned char> written_section(const PATSection& pat);
+std::vector<unsigned char> written_section(const PMTSection& pmt);
+std::vector<unsigned char> written_section(const CATSection& cat);
+std::vector<unsigned char> written_section(const RawSection& raw);
+
 }  // namespace Veldrin::IndexGen
 
 #endif

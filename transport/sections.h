@@ -1,6 +1,7 @@
 #ifndef VELDRIN_TRANSPORT_SECTIONS_H
 #define VELDRIN_TRANSPORT_SECTIONS_H
 
+#include <cstddef>
 #include <cstdint>
 #include <list>
 #include <map>
@@ -49,10 +50,19 @@ struct RawSection : SectionHeader {
   std::vector<unsigned char> data;
 };
 
-// Section reading statuses.
-constexpr int32_t SECTION_INCOMPLETE = 0;
-constexpr int32_t SECTION_BAD = 1;
-constexpr int32_t SECTION_GOOD = 2;
+// What reading a section gives.
+enum SectionStatus : int32_t {
+  SECTION_INCOMPLETE = 0,  // the bytes ran out before the section ended
+  SECTION_BAD = 1,         // length out of range, CRC mismatch, or a body that contradicts itself
+  SECTION_GOOD = 2,        // a whole good section was read
+};
+
+// stream_type values of a PMT entry that the system acts on.
+constexpr uint8_t STREAM_TYPE_MPEG2_VIDEO = 0x02;
+constexpr uint8_t STREAM_TYPE_H264_VIDEO = 0x1B;
+
+// Descriptor tags.
+constexpr uint8_t CA_DESCRIPTOR_TAG = 9;
 
 // Section length bounds that a reader accepts.
 constexpr uint32_t SECTION_LENGTH_MIN = 4;

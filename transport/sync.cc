@@ -2,26 +2,16 @@
 
 namespace Veldrin::IndexGen {
 
-SyncPipe::~SyncPipe() {
-  delete ts_reader;
-  delete reader;
-  delete file;
-}
-
 bool SyncPipe::open(const std::string& path) {
-  delete ts_reader;
-  delete reader;
-  delete file;
-  ts_reader = nullptr;
-  reader = nullptr;
-  file = new std::ifstream(path, std::ios::in | std::ios::binary);
+  ts_reader.reset();
+  reader.reset();
+  file = std::make_unique<std::ifstream>(path, std::ios::in | std::ios::binary);
   if (file->fail()) {
-    delete file;
-    file = nullptr;
+    file.reset();
     return false;
   }
-  reader = new Korvix::Channel::StreamReader(*file);
-  ts_reader = new TSReader(*reader);
+  reader = std::make_unique<Korvix::Channel::StreamReader>(*file);
+  ts_reader = std::make_unique<TSReader>(*reader);
   return true;
 }
 

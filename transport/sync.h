@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <fstream>
 #include <map>
+#include <memory>
 #include <string>
 
 #include "foundation/channel/stream_reader.h"
@@ -21,7 +22,7 @@ class SyncFailureException {};
 class SyncPipe : public TSPipe {
  public:
   SyncPipe() = default;
-  virtual ~SyncPipe();
+  virtual ~SyncPipe() = default;
   SyncPipe(const SyncPipe&) = delete;
   SyncPipe& operator=(const SyncPipe&) = delete;
 
@@ -29,9 +30,10 @@ class SyncPipe : public TSPipe {
   void process(TSPacket& packet) override;
   uint64_t find_offset(uint16_t pid, uint64_t count, double pcr);
 
-  std::ifstream* file = nullptr;                    // owned
-  Korvix::Channel::StreamReader* reader = nullptr;  // owned
-  TSReader* ts_reader = nullptr;                    // owned
+  // Destroyed in the reverse order: the packet reader, the channel, then the file.
+  std::unique_ptr<std::ifstream> file;                    // null until open
+  std::unique_ptr<Korvix::Channel::StreamReader> reader;  // on file; its offset is the position
+  std::unique_ptr<TSReader> ts_reader;                    // on reader
   double input_pcr = -1.0;
   std::map<uint16_t, uint64_t> input_counts;
   double file_pcr = -1.0;

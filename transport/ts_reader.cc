@@ -1,41 +1,41 @@
 #include "transport/ts_reader.h"
 
+#include "transport/clock.h"
+
 namespace Veldrin::IndexGen {
 
 bool TSReader::read_header(TSPacket& packet, int32_t& payload_length) {
   try {
     if (reader.read_byte() != TS_SYNC_BYTE) return false;
-    uint16_t word = reader.read_nbo_16();
-    packet.pid = word & 0x1FFF;
-    packet.payload_unit_start = (word & 0x4000) != 0;
+    const uint16_t word = reader.read_nbo_16();
+    packet.pid = word & TS_PID_MASK;
+    packet.payload_unit_start = (word & TS_PAYLOAD_UNIT_START) != 0;
     packet.pcr = -1.0;
-    uint8_t c = reader.read_byte();
-    packet.scrambling_control = c >> 6;
-    packet.continuity_counter = c & 0x0F;
-    // The payload flag (0x10) is never looked at: no adaptation field means 184 bytes.
-    if ((c & 0x20) == 0) {
-      payload_length = 184;
+    const uint8_t c = reader.read_byte();
+    packet.scrambling_control = c >> TS_SCRAMBLING_SHIFT;
+    packet.continuity_counter = c & TS_CONTINUITY_MASK;
+    // The payload flag is never looked at: no adaptation field means 184 bytes.
+    if ((c & TS_ADAPTATION_FIELD) == 0) {
+      payload_length = TS_PAYLOAD_MAX;
       return true;
     }
-    uint8_t a = reader.read_byte();
+    // The length byte of the adaptation field takes one byte of the payload's room.
+    const int32_t room = TS_PAYLOAD_MAX - 1;
+    const uint8_t a = reader.read_byte();
     if (a == 0) {
-      payload_length = 183;
+      payload_length = room;
       return true;
     }
-    uint8_t flags = reader.read_byte();
-    packet.discontinuity = (flags & 0x80) != 0;
-    packet.random_access = (flags & 0x40) != 0;
-    int consumed = 1;
-    if (flags & 0x10) {
-      uint64_t h = reader.read_nbo_32();
-      uint16_t l = reader.read_nbo_16();
-      uint64_t base = h * 2 + ((l >> 15) & 1);
-      uint64_t extension = l & 0x1FF;
-      packet.pcr = static_cast<double>(base * 300 + extension) / 27000000.0;
-      consumed = 7;
+    const uint8_t flags = reader.read_byte();
+    packet.discontinuity = (flags & ADAPTATION_DISCONTINUITY) != 0;
+    packet.random_access = (flags & ADAPTATION_RANDOM_ACCESS) != 0;
+    size_t consumed = 1;
+    if (flags & ADAPTATION_PCR) {
+      packet.pcr = read_pcr(reader);
+      consumed += PCR_SIZE;
     }
-    if (consumed < a) reader.skip(static_cast<uint64_t>(a - consumed));
-    payload_length = 183 - a;
+    if (consumed < a) reader.skip(a - consumed);
+    payload_length = room - a;
     return true;
   } catch (const Korvix::Channel::Error&) {
     return false;

@@ -19,6 +19,9 @@ class TSWriter {
   bool write_header(const TSPacket& packet, int32_t& payload_length, int32_t& continuity);
   bool write_packet(const TSPacket& packet, const unsigned char* data, int32_t& payload_length,
                     int32_t& continuity);
+  // One packet as the record stands: its header fields, its own continuity counter and as much
+  // of its payload as one packet holds; the rest of the payload isn't written.
+  bool write_record(const TSPacket& packet);
 
   Korvix::Channel::Writer& writer;
 };

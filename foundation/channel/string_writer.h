@@ -13,10 +13,7 @@ class StringWriter : public Writer {
  public:
   explicit StringWriter(std::string& text_) : text(text_) {}
 
-  void basic_write(const unsigned char* data, size_t count) override {
-    text.append(reinterpret_cast<const char*>(data), count);
-    offset += count;
-  }
+  void basic_write(const unsigned char* data, size_t count) override;
 
   std::string& text;
 };

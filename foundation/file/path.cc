@@ -237,7 +237,7 @@ std::string int_to_octal(uint32_t value) {
 
 uint32_t octal_to_int(const std::string& text) {
   uint32_t value = 0;
-  for (unsigned char c : text) value = value * 8 + (c - uint32_t{'0'});
+  for (const char c : text) value = value * 8 + (static_cast<unsigned char>(c) - uint32_t{'0'});
   return value;
 }
 

@@ -20,10 +20,14 @@ StreamBuf::int_type StreamBuf::overflow(int_type c) {
   return 0;
 }
 
-Stream::Stream(Channel& channel, int32_t level) : std::ostream(nullptr) {
-  rdbuf(new StreamBuf(channel, level));
+Stream::Stream(Channel& channel, int32_t level)
+    : std::ostream(nullptr), buffer(std::make_unique<StreamBuf>(channel, level)) {
+  rdbuf(buffer.get());
 }
 
-Stream::~Stream() { delete rdbuf(); }
+// The buffer goes with the stream, after it has been taken out of it.
+Stream::~Stream() {
+  rdbuf(nullptr);
+}
 
 }  // namespace Korvix::Log

@@ -2,6 +2,7 @@
 #define KORVIX_LOG_STREAM_H
 
 #include <cstdint>
+#include <memory>
 #include <ostream>
 #include <streambuf>
 #include <string>
@@ -40,6 +41,9 @@ class Stream : public std::ostream {
   }
   Stream(Channel& channel, int32_t level);
   ~Stream() override;
+
+ private:
+  std::unique_ptr<StreamBuf> buffer;  // installed as the stream's buffer
 };
 
 class Error : public Stream {

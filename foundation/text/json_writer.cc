@@ -111,13 +111,14 @@ void JsonWriter::before_value() {
   separate(level);
 }
 
-void JsonWriter::key(std::string_view name) {
+JsonWriter& JsonWriter::key(std::string_view name) {
   if (levels.empty() || !levels.back().object) throw std::logic_error("JSON key outside an object");
   Level& level = levels.back();
   if (level.key_pending) throw std::logic_error("JSON key without a value");
   separate(level);
   stream << quote(name) << (indent > 0 ? ": " : ":");
   level.key_pending = true;
+  return *this;
 }
 
 void JsonWriter::open(bool object) {

@@ -37,8 +37,9 @@ class JsonWriter {
   void end_object();
   void begin_array();
   void end_array();
-  // The name of the next member of the object under way.
-  void key(std::string_view name);
+  // The name of the next member of the object under way; its value follows on the writer
+  // returned, as in json.key("size").unsigned_value(size).
+  JsonWriter& key(std::string_view name);
 
   void string_value(std::string_view text);
   void unsigned_value(uint64_t value);

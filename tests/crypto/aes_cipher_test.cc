@@ -384,5 +384,60 @@ TEST(AESCipher, TakesKeyIvAndModeAtConstruction) {
   EXPECT_TRUE(plain.key.is_key);
 }
 
+TEST(AESCipher, AKeyByteChangedInPlaceBetweenCallsIsUsedAtTheNextCall) {
+  AESCipher cipher = ecb();
+  Bytes first = slice(PLAIN, 0, 16);
+  ASSERT_TRUE(cipher.encrypt(first.data(), 16, true));
+  EXPECT_EQ(first, slice(ECB_CIPHER, 0, 16));
+
+  // The same text under the key with its last byte changed, worked out by a cipher of its own.
+  cipher.key.key[15] ^= 0x01;
+  AESCipher other;
+  other.key.read_hex("2b7e151628aed2a6abf7158809cf4f3d");
+  Bytes expected = slice(PLAIN, 0, 16);
+  ASSERT_TRUE(other.encrypt(expected.data(), 16, true));
+  ASSERT_NE(expected, slice(ECB_CIPHER, 0, 16));
+
+  Bytes second = slice(PLAIN, 0, 16);
+  ASSERT_TRUE(cipher.encrypt(second.data(), 16, true));
+  EXPECT_EQ(second, expected);
+
+  cipher.key.key[15] ^= 0x01;
+  Bytes third = slice(PLAIN, 0, 16);
+  ASSERT_TRUE(cipher.encrypt(third.data(), 16, true));
+  EXPECT_EQ(third, slice(ECB_CIPHER, 0, 16));
+}
+
+TEST(AESCipher, EcbAlternatingDirectionsWithOneKeyGivesEachDirectionsResult) {
+  AESCipher cipher = ecb();
+  for (int round = 0; round < 3; round++) {
+    Bytes data = PLAIN;
+    ASSERT_TRUE(cipher.encrypt(data.data(), 64, true));
+    EXPECT_EQ(data, ECB_CIPHER) << "round " << round;
+    ASSERT_TRUE(cipher.encrypt(data.data(), 64, false));
+    EXPECT_EQ(data, PLAIN) << "round " << round;
+  }
+}
+
+TEST(AESCipher, EcbWithOneKeyGivesTheSameCipherTextAtEveryCall) {
+  AESCipher cipher = ecb();
+  for (int call = 0; call < 4; call++) {
+    Bytes data = PLAIN;
+    ASSERT_TRUE(cipher.encrypt(data.data(), 64, true));
+    EXPECT_EQ(data, ECB_CIPHER) << "call " << call;
+  }
+}
+
+TEST(AESCipher, CbcIvSetAgainBetweenCallsStartsTheChainAgain) {
+  AESCipher cipher = cbc();
+  Bytes first = slice(PLAIN, 0, 32);
+  ASSERT_TRUE(cipher.encrypt(first.data(), 32, true));
+  EXPECT_EQ(first, slice(CBC_CIPHER, 0, 32));
+  cipher.iv.read_hex(CBC_IV);
+  Bytes again = slice(PLAIN, 0, 32);
+  ASSERT_TRUE(cipher.encrypt(again.data(), 32, true));
+  EXPECT_EQ(again, slice(CBC_CIPHER, 0, 32));
+}
+
 }  // namespace
 }  // namespace Korvix::Crypto

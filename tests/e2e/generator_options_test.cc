@@ -47,9 +47,9 @@ Pmt pmt_of(const std::string& packet) {
   Pmt pmt;
   const auto byte = [&](size_t at) { return static_cast<unsigned char>(packet[at]); };
   size_t at = 4;
-  if (byte(3) & 0x20) at += 1 + byte(4);
+  if (byte(3) & 0x20) at += size_t{1} + byte(4);
   if (at >= 188) return pmt;
-  at += 1 + byte(at);  // pointer_field
+  at += size_t{1} + byte(at);  // pointer_field
   if (at + 12 > 188 || byte(at) != 2) return pmt;
   const size_t length = ((byte(at + 1) & 0x0F) << 8) | byte(at + 2);
   const size_t end = at + 3 + length - 4;  // ahead of the CRC
@@ -60,7 +60,7 @@ Pmt pmt_of(const std::string& packet) {
   while (es + 5 <= end) {
     pmt.streams.push_back(
         {byte(es), static_cast<uint16_t>(((byte(es + 1) & 0x1F) << 8) | byte(es + 2))});
-    es += 5 + (((byte(es + 3) & 0x0F) << 8) | byte(es + 4));
+    es += 5 + ((size_t{byte(es + 3)} & 0x0F) << 8 | byte(es + 4));
   }
   pmt.found = true;
   return pmt;

@@ -109,6 +109,10 @@ TEST(ManPage, Vdx2dumpPageShowsEveryOptionOfTheUsage) {
   expect_page_covers_usage("vdx2dump");
 }
 
+TEST(ManPage, VdxdecryptPageShowsEveryOptionOfTheUsage) {
+  expect_page_covers_usage("vdxdecrypt");
+}
+
 TEST(ManPage, VdxindexPageIsLintClean) {
   expect_lint_clean("vdxindex");
 }
@@ -117,9 +121,13 @@ TEST(ManPage, Vdx2dumpPageIsLintClean) {
   expect_lint_clean("vdx2dump");
 }
 
-TEST(ManPage, ManRendersBothPagesWithoutAWord) {
+TEST(ManPage, VdxdecryptPageIsLintClean) {
+  expect_lint_clean("vdxdecrypt");
+}
+
+TEST(ManPage, ManRendersEveryPageWithoutAWord) {
   VDX_REQUIRE_PROGRAM("man");
-  for (const std::string tool : {"vdxindex", "vdx2dump"}) {
+  for (const std::string tool : {"vdxindex", "vdx2dump", "vdxdecrypt"}) {
     RunRequest request;
     request.executable = find_program("man");
     request.args = {"-l", "-P", "cat", source_path("man/" + tool + ".1")};

@@ -27,7 +27,7 @@ std::vector<VdxBlock> parse_vdx_blocks(const std::string& bytes, size_t start, b
     block.forward = static_cast<uint8_t>(bytes[at + 20]);
     block.backward = static_cast<uint8_t>(bytes[at + 21]);
     size_t link = at + 22;
-    if (link + 4 * (block.forward + block.backward) > at + PAGE) return blocks;
+    if (link + 4 * (size_t{block.forward} + block.backward) > at + PAGE) return blocks;
     for (int i = 0; i < block.forward; i++, link += 4)
       block.forward_sizes.push_back(read_be32(bytes, link));
     for (int i = 0; i < block.backward; i++, link += 4)

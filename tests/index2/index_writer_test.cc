@@ -246,7 +246,7 @@ TEST(IndexWriter, NptZeroOnEveryRecordKeepsTheStartTimeAndSetsNoNewNptFlag) {
   IndexWriter writer(0, 256);
   ASSERT_TRUE(writer.open(dir.file("z.vdx2"), false, ""));
   writer.set_tables(packet_of(0x11));
-  for (int frame = 0; frame < 2; ++frame) {
+  for (uint64_t frame = 0; frame < 2; ++frame) {
     CapturedPacket a = frame_record(frame * 1880, 0.0, true);
     a.frame_start = true;
     writer.add_packet(a);
@@ -661,13 +661,15 @@ TEST(IndexWriter, ExternalFramesReferToTheFrameFile) {
   TempDir dir;
   IndexWriter writer(FLAG_EXTERNAL_FRAMES | 4, 256);
   ASSERT_TRUE(writer.open(dir.file("x.vdx2"), false, dir.file("x.vdf")));
-  for (int frame = 0; frame < 2; ++frame) {
-    CapturedPacket a = frame_record(10000 * (frame + 1), 1.0 + frame, true);
+  for (uint64_t frame = 0; frame < 2; ++frame) {
+    CapturedPacket a = frame_record(10000 * (frame + 1), 1.0 + static_cast<double>(frame), true);
     a.frame_start = true;
     writer.add_packet(a);
-    CapturedPacket b = frame_record(10000 * (frame + 1) + 188, 1.0 + frame, false);
+    CapturedPacket b =
+        frame_record(10000 * (frame + 1) + 188, 1.0 + static_cast<double>(frame), false);
     writer.add_packet(b);
-    CapturedPacket c = last_of_frame(frame_record(10000 * (frame + 1) + 752, 1.0 + frame, false));
+    CapturedPacket c = last_of_frame(
+        frame_record(10000 * (frame + 1) + 752, 1.0 + static_cast<double>(frame), false));
     writer.add_packet(c);
   }
   writer.close();

@@ -2,6 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <vector>
+
+#include "indexgen/pes_edits.h"
+
 namespace Veldrin::IndexGen {
 namespace {
 
@@ -39,6 +43,28 @@ TEST(CapturedPacket, PositionBeyondTheSizeIsTheLastByte) {
   record.add_marker(101, false);
   ASSERT_EQ(record.markers.size(), 1u);
   EXPECT_EQ(record.markers[0].position, 99u);
+}
+
+TEST(CapturedPacket, EveryPositionOnAnEmptyPayloadIsZero) {
+  CapturedPacket record = with_payload(0);
+  record.add_marker(5, true);
+  record.add_marker(0, true);
+  record.add_marker(-3, false);
+  record.add_marker(2147483647, true);
+  ASSERT_EQ(record.markers.size(), 4u);
+  for (const FrameMarker& marker : record.markers) EXPECT_EQ(marker.position, 0u);
+}
+
+TEST(CapturedPacket, EndMarkerOnAnEmptyPayloadCutsToOneByteAtMost) {
+  // Applied as frame capture applies markers: the end keeps its byte, which is filled up.
+  CapturedPacket record = with_payload(0);
+  record.add_marker(1, true);
+  apply_markers(record);
+  EXPECT_EQ(record.packet.payload, std::vector<unsigned char>{0x00});
+  CapturedPacket start = with_payload(0);
+  start.add_marker(7, false);
+  apply_markers(start);
+  EXPECT_TRUE(start.packet.payload.empty());
 }
 
 TEST(CapturedPacket, MarkersKeepTheirOrderOfPlacing) {

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "indexgen/h264_units.h"
-#include "indexgen/log_lines.h"
+#include "support/log_capture.h"
 
 namespace Veldrin::IndexGen {
 namespace {
@@ -16,7 +16,7 @@ namespace {
 using VdxTest::aud;
 using VdxTest::Bits;
 using VdxTest::idr;
-using VdxTest::LogLines;
+using Veldrin::Testing::LogCapture;
 using VdxTest::nal;
 using VdxTest::nonref_slice;
 using VdxTest::pps;
@@ -84,7 +84,7 @@ struct Harness {
 
   size_t stream_chunk = 184;
 
-  LogLines log;
+  LogCapture log;
   H264Parser parser;
   std::list<CapturedPacket> records;
 };
@@ -207,8 +207,8 @@ TEST(H264Parser, PesHeaderIsNeverScanned) {
   Harness h;
   h.feed(kPesHeader + std::string(20, '\x5A'), 9);
   EXPECT_TRUE(h.log.detail().empty());
-  EXPECT_EQ(h.parser.prefix_length, 0);
-  EXPECT_EQ(h.parser.last_byte, 0x5A);
+  EXPECT_EQ(h.parser.scanner.prefix_length, 0);
+  EXPECT_EQ(h.parser.scanner.last_byte, 0x5A);
 }
 
 // ---- Start codes across records ----
@@ -256,8 +256,8 @@ TEST(H264Parser, StartCodeAcrossPacketsWithoutPreviousStartsTheCaptureWithoutMar
   h.parser.sps = sps(66, 0);
   h.parser.pps = pps();
   h.parser.frame_num_bits = 4;
-  h.parser.prefix_length = 3;
-  h.parser.last_byte = 1;
+  h.parser.scanner.prefix_length = 3;
+  h.parser.scanner.last_byte = 1;
   h.feed(idr(0).substr(3) + ref_slice(1));
   CapturedPacket& r = h.record(0);
   EXPECT_FALSE(r.holds_start);
@@ -277,8 +277,8 @@ TEST(H264Parser, EndOfCaptureWithoutPreviousRecordPlacesNoMarker) {
   h.parser.state = CAPTURE_IDR;
   h.parser.last_unit_type = 5;
   h.parser.last_frame_num = 0;
-  h.parser.prefix_length = 3;
-  h.parser.last_byte = 1;
+  h.parser.scanner.prefix_length = 3;
+  h.parser.scanner.last_byte = 1;
   h.feed(ref_slice(1).substr(3));
   EXPECT_TRUE(h.marks().empty());
   EXPECT_EQ(h.log.detail(),
@@ -731,7 +731,7 @@ TEST(H264Parser, ScrambledPacketInTheMiddleOfAPrefixForgetsIt) {
   h.feed(sps(66, 0) + pps() + nal(0x0C, "\xFF\xAA") + std::string("\x00\x00", 2));
   h.feed(std::string(20, 'x'), 0, 1);
   h.feed(std::string("\x01", 1) + idr(0).substr(3) + idr(0));
-  EXPECT_EQ(h.parser.prefix_length, 0);
+  EXPECT_EQ(h.parser.scanner.prefix_length, 0);
   // Only the second IDR, with a start code of its own, is seen.
   EXPECT_EQ(h.marks(), (std::vector<std::string>{h.mark(2, false, idr(0).size() - 2)}));
 }
@@ -756,7 +756,7 @@ TEST(H264Parser, HighProfileSpsReadsTheScalingMatrixBeforeFrameNum) {
     // frame_num length of 7.
     for (int k = 0; k < 64; ++k) bits.se(2);
   };
-  for (uint8_t profile : {100, 110, 122, 144}) {
+  for (const uint8_t profile : {uint8_t{100}, uint8_t{110}, uint8_t{122}, uint8_t{144}}) {
     Harness h;
     h.feed(sps(profile, 5, false, lists) + pps());
     EXPECT_EQ(h.parser.frame_num_bits, 9) << int(profile);
@@ -854,9 +854,9 @@ struct RandomRun {
     if (header == 0x67) {
       body = sps(random() % 2 ? 66 : 100, random() % 4).substr(4);
     } else if (header == 0x06) {
-      body = recovery_point(random() % 13) + "\x80";
+      body = recovery_point(static_cast<uint32_t>(random() % 13)) + "\x80";
     } else if ((header & 31) == 1 || (header & 31) == 5) {
-      body = VdxTest::slice(header, random() % 6, 4).substr(4);
+      body = VdxTest::slice(header, static_cast<uint32_t>(random() % 6), 4).substr(4);
     }
     size_t extra = random() % 300;
     for (size_t k = 0; k < extra; ++k) {
@@ -884,10 +884,10 @@ Outcome run(uint32_t seed, bool byte_by_byte) {
   Outcome outcome;
   {
     Harness h;
-    h.parser.byte_by_byte = byte_by_byte;
+    h.parser.scanner.byte_by_byte = byte_by_byte;
     size_t at = 0;
     while (at < es.size()) {
-      uint32_t kind = source.random() % 20;
+      const auto kind = source.random() % 20;
       size_t size = 1 + source.random() % 184;
       if (kind == 0) {
         h.feed("");
@@ -903,8 +903,8 @@ Outcome run(uint32_t seed, bool byte_by_byte) {
       at += size;
       const H264Parser& p = h.parser;
       outcome.states.push_back(
-          std::to_string(p.prefix_length) + "," + std::to_string(p.last_byte) + "," +
-          std::to_string(p.state) + "," + std::to_string(p.recovery_frames) + "," +
+          std::to_string(p.scanner.prefix_length) + "," + std::to_string(p.scanner.last_byte) +
+          "," + std::to_string(p.state) + "," + std::to_string(p.recovery_frames) + "," +
           std::to_string(p.last_frame_num) + "," + std::to_string(p.entry_seen) +
           std::to_string(p.headers_seen) + "," + std::to_string(p.unit.size()) + "," +
           std::to_string(p.frame_num_bits) + "," + std::to_string(p.capture_end_position) + "," +

@@ -14,13 +14,13 @@
 
 #include "indexgen/generator.h"
 #include "indexgen/h264_parser.h"
-#include "indexgen/log_lines.h"
+#include "support/log_capture.h"
 #include "transport/pipeline.h"
 
 namespace Veldrin::IndexGen {
 namespace {
 
-using VdxTest::LogLines;
+using Veldrin::Testing::LogCapture;
 
 constexpr uint16_t kVideoPid = 0x100;
 
@@ -105,7 +105,7 @@ void PrintTo(const Expected& expected, std::ostream* out) {
 }
 
 struct Indexed {
-  LogLines log;
+  LogCapture log;
   Recorder writer;
   std::ostringstream dump;
   int32_t block_count = 0;
@@ -127,11 +127,11 @@ void index_bytes(const std::string& source, Indexed& out, bool byte_by_byte = fa
     pipeline.read(reinterpret_cast<const unsigned char*>(out.source.data()) + at,
                   static_cast<int32_t>(size));
     if (byte_by_byte && generator.parser != nullptr) {
-      dynamic_cast<H264Parser&>(*generator.parser).byte_by_byte = true;
+      dynamic_cast<H264Parser&>(*generator.parser).scanner.byte_by_byte = true;
     }
   }
   out.block_count = generator.block_count;
-  auto* parser = dynamic_cast<H264Parser*>(generator.parser);
+  auto* parser = dynamic_cast<H264Parser*>(generator.parser.get());
   ASSERT_NE(parser, nullptr);
   out.frame_num_bits = parser->frame_num_bits;
 }
@@ -154,12 +154,12 @@ std::string damaged(const std::string& fixture, uint32_t seed) {
     if (p[3] & 0x20) start += 1 + p[4];
     if ((p[1] & 0x40) && start + 9 <= 188) start += 9 + p[start + 8];
     if (start >= 188) continue;
-    uint32_t pick = random() % 40;
+    const auto pick = random() % 40;
     if (pick == 0) {
       p[3] |= 0x80;
     } else if (pick < 8) {
       for (int k = 0; k < 3; ++k) {
-        uint32_t kind = random() % 3;
+        const auto kind = random() % 3;
         p[start + random() % (188 - start)] = kind == 0   ? 0
                                               : kind == 1 ? 1
                                                           : static_cast<unsigned char>(random());
@@ -268,7 +268,7 @@ TEST_P(H264Stream, EachFrameGetsTablesAndItsPreamble) {
     std::vector<int> types = nal_types(elementary_stream(frame.preamble, kVideoPid));
     std::vector<int> head = e.aud ? std::vector<int>{9, 7, 8} : std::vector<int>{7, 8};
     ASSERT_GE(types.size(), head.size());
-    EXPECT_EQ(std::vector<int>(types.begin(), types.begin() + head.size()), head);
+    EXPECT_EQ(std::vector<int>(types.data(), types.data() + head.size()), head);
     for (size_t k = head.size(); k < types.size(); ++k) EXPECT_EQ(types[k], 6) << k;
   }
 }

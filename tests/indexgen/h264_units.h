@@ -30,7 +30,10 @@ class Bits {
     writer.write_bits(zeros + 1, static_cast<uint32_t>(code));
     return *this;
   }
-  Bits& se(int32_t value) { return ue(value > 0 ? 2 * value - 1 : -2 * value); }
+  // Positive values map to odd codes, the others to even ones: the code is never negative.
+  Bits& se(int32_t value) {
+    return ue(static_cast<uint32_t>(value > 0 ? 2 * value - 1 : -2 * value));
+  }
   // Byte-aligns with zero bits and gives everything written.
   std::string bytes() {
     writer.flush();

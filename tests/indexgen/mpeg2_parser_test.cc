@@ -221,7 +221,7 @@ TEST(MPEG2Parser, OnlyTheLastRecordWithAPayloadIsHeld) {
 TEST(MPEG2Parser, SplitStartCodeWithoutAPreviousRecordPlacesNothing) {
   Feed feed;
   // The prefix lies ahead of this record's PES header, in a packet that the parser never saw.
-  feed.parser.scan_state = 2;
+  feed.parser.scanner.prefix_length = 2;
   CapturedPacket& record = feed.add(hex("01 B3 11"));
   EXPECT_TRUE(record.markers.empty());
   EXPECT_FALSE(record.holds_start);

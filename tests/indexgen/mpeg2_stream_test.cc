@@ -53,7 +53,7 @@ Demuxed demux(const Bytes& stream) {
     if (pid == 0 && unit_start && out.pmt_pid == 0) {
       // The first program of a one-section PAT.
       const unsigned char* section = payload + 1 + payload[0];
-      const size_t end = 3 + (((section[1] & 0x0F) << 8) | section[2]) - 4;
+      const size_t end = 3 + ((size_t{section[1]} & 0x0F) << 8 | section[2]) - 4;
       for (size_t i = 8; i + 4 <= end; i += 4) {
         unsigned number = (section[i] << 8) | section[i + 1];
         if (number != 0) {
@@ -68,7 +68,7 @@ Demuxed demux(const Bytes& stream) {
       for (size_t i = 12 + info; i + 5 <= 3 + length - 4;) {
         const unsigned pid_of_stream = ((section[i + 1] & 0x1F) << 8) | section[i + 2];
         if (section[i] == 2) out.video_pid = pid_of_stream;
-        i += 5 + (((section[i + 3] & 0x0F) << 8) | section[i + 4]);
+        i += 5 + ((size_t{section[i + 3]} & 0x0F) << 8 | section[i + 4]);
       }
     } else if (pid == out.video_pid && out.video_pid != 0) {
       if (unit_start) {
@@ -128,7 +128,7 @@ void index_stream(const Bytes& stream, Indexed& out) {
     pipeline.read(stream.data() + at, static_cast<int32_t>(size));
   }
   out.block_count = generator.block_count;
-  out.log = log.lines;
+  out.log = log.texts();
 }
 
 class Mpeg2Stream : public testing::TestWithParam<const char*> {

@@ -14,7 +14,7 @@
 
 namespace VdxTest {
 
-inline Bytes be16(uint32_t value) {
+inline Bytes be16(uint64_t value) {
   return Bytes{static_cast<unsigned char>(value >> 8), static_cast<unsigned char>(value)};
 }
 
@@ -147,8 +147,8 @@ inline Bytes ts_packet(uint32_t pid, unsigned continuity, const Bytes& payload,
     adaptation = concat({Bytes{static_cast<unsigned char>(field.size())}, field});
   }
   unsigned char control = static_cast<unsigned char>(
-      (options.scrambling << 6) | (needed ? 0x20 : 0) | (payload.empty() ? 0 : 0x10) |
-      (payload.empty() ? 0 : (continuity & 0x0F)));
+      (static_cast<unsigned>(options.scrambling) << 6) | (needed ? 0x20u : 0u) |
+      (payload.empty() ? 0u : 0x10u) | (payload.empty() ? 0 : (continuity & 0x0F)));
   Bytes out = concat({Bytes{0x47}, be16((options.payload_unit_start ? 0x4000 : 0) | pid),
                       Bytes{control}, adaptation, payload});
   return out;

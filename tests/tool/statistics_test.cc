@@ -2,35 +2,15 @@
 
 #include <gtest/gtest.h>
 
-#include <cmath>
-#include <limits>
 #include <sstream>
 
 namespace Veldrin::Tool {
 namespace {
 
-constexpr int32_t INT32_LOWEST = std::numeric_limits<int32_t>::min();
-
 std::string lines_of(const RunStatistics& statistics) {
   std::ostringstream out;
   write_statistics(out, statistics);
   return out.str();
-}
-
-TEST(Statistics, TruncationGoesTowardsZero) {
-  EXPECT_EQ(truncate_to_int32(1.9), 1);
-  EXPECT_EQ(truncate_to_int32(-1.9), -1);
-  EXPECT_EQ(truncate_to_int32(2147483647.9), 2147483647);
-  EXPECT_EQ(truncate_to_int32(-2147483648.9), INT32_LOWEST);
-}
-
-TEST(Statistics, ValueThatDoesNotFitGivesTheLowestNumber) {
-  EXPECT_EQ(truncate_to_int32(2147483648.0), INT32_LOWEST);
-  EXPECT_EQ(truncate_to_int32(-2147483649.0), INT32_LOWEST);
-  EXPECT_EQ(truncate_to_int32(1e300), INT32_LOWEST);
-  EXPECT_EQ(truncate_to_int32(std::numeric_limits<double>::infinity()), INT32_LOWEST);
-  EXPECT_EQ(truncate_to_int32(-std::numeric_limits<double>::infinity()), INT32_LOWEST);
-  EXPECT_EQ(truncate_to_int32(std::nan("")), INT32_LOWEST);
 }
 
 TEST(Statistics, StreamWithoutPcrPrintsOnlyTheDuration) {

@@ -403,8 +403,8 @@ TEST(SectionReader, ReadDescriptorFromAnyReader) {
 // Whatever the bytes, reading ends in one of the three statuses and never outside the buffer.
 TEST(SectionReader, ArbitraryBytesWithGoodCrcsNeverReadOutOfBounds) {
   std::mt19937 random(12345);
-  for (int round = 0; round < 3000; round++) {
-    uint32_t length = 4 + random() % 60;
+  for (unsigned round = 0; round < 3000; round++) {
+    const auto length = static_cast<uint32_t>(4 + random() % 60);
     Bytes body(length - 1);
     for (auto& b : body) b = static_cast<unsigned char>(random());
     body[0] = static_cast<unsigned char>(round % 3);

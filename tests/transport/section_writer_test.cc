@@ -208,6 +208,30 @@ TEST(SectionWriter, OverflowingTheWriterFailsAndKeepsWhatWasWritten) {
   EXPECT_FALSE(nothing.ok);
 }
 
+TEST(SectionWriter, WrittenSectionGivesTheBytesOfTheLargestBuffer) {
+  EXPECT_EQ(written_section(one_program_pat()),
+            concat({hex("00"), with_crc(hex("00 B0 0D 00 01 C1 00 00 00 01 E1 00"))}));
+  RawSection longest;
+  longest.data.assign(1025 - 8, 0x11);
+  EXPECT_EQ(written_section(longest).size(), SECTION_BUFFER_SIZE);
+  CATSection cat;
+  cat.descriptors.push_back(Descriptor{9, hex("4B 4C E1 23")});
+  EXPECT_EQ(written_section(cat),
+            concat({hex("00"), with_crc(hex("00 B0 0F FF FF C0 00 00 09 04 4B 4C E1 23"))}));
+  PMTSection pmt;
+  pmt.table_id = 2;
+  pmt.id = 1;
+  pmt.pcr_pid = 0x100;
+  EXPECT_EQ(written_section(pmt),
+            concat({hex("00"), with_crc(hex("02 B0 0D 00 01 C0 00 00 E1 00 F0 00"))}));
+}
+
+TEST(SectionWriter, WrittenSectionThatTheWriterRefusesIsEmpty) {
+  RawSection raw;
+  raw.data.assign(1026 - 8, 0x11);
+  EXPECT_TRUE(written_section(raw).empty());
+}
+
 TEST(SectionWriter, OversizedTablesWriteNothing) {
   PMTSection pmt;
   PMTStream stream;

@@ -4,6 +4,7 @@
 
 #include "foundation/channel/block_reader.h"
 #include "foundation/channel/block_writer.h"
+#include "foundation/channel/string_writer.h"
 #include "transport/test_bytes.h"
 #include "transport/ts_reader.h"
 
@@ -192,6 +193,33 @@ TEST(TSWriter, WrittenPacketReadsBack) {
   EXPECT_EQ(back.pcr, 12.5);
   EXPECT_EQ(payload_length, 50);
   EXPECT_EQ(reader.offset, 188u - 50u);
+}
+
+// ---- One packet as its record stands ----
+
+TEST(TSWriter, RecordGoesOutWithItsOwnHeaderFieldsAndCounter) {
+  TSPacket packet;
+  packet.pid = 0x1234 & 0x1FFF;
+  packet.continuity_counter = 9;
+  packet.payload = counting(184);
+  std::string out;
+  Korvix::Channel::StringWriter string_writer(out);
+  EXPECT_TRUE(TSWriter(string_writer).write_record(packet));
+  EXPECT_EQ(Bytes(out.begin(), out.end()), concat({hex("47 12 34 19"), counting(184)}));
+}
+
+TEST(TSWriter, RecordPayloadBeyondOnePacketIsCutOff) {
+  TSPacket packet;
+  packet.pid = 0x21;
+  packet.payload_unit_start = true;
+  packet.pcr = 1.0;
+  packet.payload = counting(300);
+  std::string out;
+  Korvix::Channel::StringWriter string_writer(out);
+  EXPECT_TRUE(TSWriter(string_writer).write_record(packet));
+  // With the PCR, 176 bytes fit.
+  EXPECT_EQ(Bytes(out.begin(), out.end()),
+            concat({hex("47 40 21 30 07 10 00 00 AF C8 7E 00"), counting(176)}));
 }
 
 }  // namespace

@@ -1,0 +1,176 @@
+#include "transport/start_code_scanner.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+#include <string>
+#include <vector>
+
+#include "transport/test_bytes.h"
+
+namespace Veldrin::IndexGen {
+namespace {
+
+using VdxTest::Bytes;
+using VdxTest::hex;
+
+// Every start code of one payload as "index/prefix length", scanning from `from`.
+std::vector<std::string> codes(StartCodeScanner& scanner, const Bytes& bytes, size_t from = 0) {
+  std::vector<std::string> out;
+  while (from < bytes.size()) {
+    const StartCode code = scanner.find(bytes.data(), from, bytes.size());
+    if (!code.found()) {
+      EXPECT_EQ(code.index, bytes.size());
+      break;
+    }
+    out.push_back(std::to_string(code.index) + "/" + std::to_string(code.prefix_length));
+    from = code.index + 1;
+  }
+  return out;
+}
+
+using Found = std::vector<std::string>;
+
+TEST(StartCodeScanner, ThreeByteStartCodeGivesTheValueByteAndPrefixThree) {
+  StartCodeScanner scanner;
+  EXPECT_EQ(codes(scanner, hex("00 00 01 B3 14 00")), (Found{"3/3"}));
+}
+
+TEST(StartCodeScanner, FourByteStartCodeGivesPrefixFour) {
+  StartCodeScanner scanner;
+  EXPECT_EQ(codes(scanner, hex("AA 00 00 00 01 65 88")), (Found{"5/4"}));
+}
+
+TEST(StartCodeScanner, ZerosAreCountedUpToThree) {
+  StartCodeScanner scanner;
+  EXPECT_EQ(codes(scanner, hex("00 00 00 00 00 00 01 09")), (Found{"7/4"}));
+}
+
+TEST(StartCodeScanner, OneZeroAheadOfTheOneIsNoPrefix) {
+  // The twin of 00 00 01 B3 with a zero lost, and one with the 01 changed.
+  StartCodeScanner scanner;
+  EXPECT_TRUE(codes(scanner, hex("00 01 B3 00 00 02 B3")).empty());
+  EXPECT_EQ(scanner.prefix_length, 0);
+  EXPECT_EQ(scanner.last_byte, 0xB3);
+}
+
+TEST(StartCodeScanner, ValueByteNeverCountsAsAZeroOfANextPrefix) {
+  // The picture start code's value 00 is followed by 00 01: one zero only.
+  StartCodeScanner scanner;
+  EXPECT_EQ(codes(scanner, hex("00 00 01 00 00 01 B3")), (Found{"3/3"}));
+  StartCodeScanner twin;
+  EXPECT_EQ(codes(twin, hex("00 00 01 00 00 00 01 B3")), (Found{"3/3", "7/3"}));
+}
+
+TEST(StartCodeScanner, BackToBackStartCodes) {
+  StartCodeScanner scanner;
+  EXPECT_EQ(codes(scanner, hex("00 00 01 09 00 00 00 01 67 00 00 01 01")),
+            (Found{"3/3", "8/4", "12/3"}));
+}
+
+TEST(StartCodeScanner, PrefixCarriesAcrossCalls) {
+  StartCodeScanner scanner;
+  EXPECT_TRUE(codes(scanner, hex("AA 00 00")).empty());
+  EXPECT_EQ(scanner.prefix_length, 2);
+  EXPECT_EQ(codes(scanner, hex("01 B3")), (Found{"1/3"}));
+  StartCodeScanner split_after_one;
+  EXPECT_TRUE(codes(split_after_one, hex("AA 00 00 01")).empty());
+  EXPECT_EQ(codes(split_after_one, hex("B3 11")), (Found{"0/3"}));
+}
+
+TEST(StartCodeScanner, ScanStopsAtTheEndOfTheRangeGiven) {
+  StartCodeScanner scanner;
+  const Bytes bytes = hex("00 00 01 B3 00 00 01 B8");
+  StartCode code = scanner.find(bytes.data(), 0, 3);
+  EXPECT_FALSE(code.found());
+  EXPECT_EQ(code.index, 3u);
+  code = scanner.find(bytes.data(), 3, 4);
+  EXPECT_TRUE(code.found());
+  EXPECT_EQ(code.index, 3u);
+  code = scanner.find(bytes.data(), 4, 4);
+  EXPECT_FALSE(code.found());
+  EXPECT_EQ(code.index, 4u);
+}
+
+TEST(StartCodeScanner, ScanFromAnIndexLeavesTheBytesAheadOfItAlone) {
+  // A PES header that holds a start code itself is skipped by starting behind it.
+  StartCodeScanner scanner;
+  EXPECT_EQ(codes(scanner, hex("00 00 01 E0 00 00 80 00 00 5A 5A"), 9), Found{});
+  EXPECT_EQ(scanner.last_byte, 0x5A);
+}
+
+TEST(StartCodeScanner, ForgettingDropsAPrefixUnderWay) {
+  StartCodeScanner scanner;
+  EXPECT_TRUE(codes(scanner, hex("00 00 01")).empty());
+  EXPECT_EQ(scanner.scan_state(), 3);
+  scanner.forget();
+  EXPECT_EQ(scanner.scan_state(), 0);
+  EXPECT_TRUE(codes(scanner, hex("B3 00 00 01 B8")).size() == 1);
+}
+
+TEST(StartCodeScanner, ScanStateCountsAsMpeg2Does) {
+  const std::vector<std::pair<std::string, int32_t>> cases = {
+      {"", 0},           {"00", 1},    {"00 00", 2},    {"00 00 00", 2}, {"00 00 00 00", 2},
+      {"00 00 01", 3},   {"00 01", 0}, {"00 00 02", 0}, {"01", 0},       {"00 00 01 B3", 0},
+      {"00 00 00 01", 3}};
+  for (const auto& [text, state] : cases) {
+    StartCodeScanner scanner;
+    codes(scanner, hex(text));
+    EXPECT_EQ(scanner.scan_state(), state) << text;
+  }
+}
+
+TEST(StartCodeScanner, PlaceOfAPrefixByteInThisPayloadOrThePreviousOne) {
+  // Right behind a PES header of 9 bytes: the prefix starts at the header's end; the byte ahead
+  // of it is the last of the previous payload.
+  StartCode code{12, 3};
+  BytePlace first = code.place_back(9, 3);
+  EXPECT_FALSE(first.in_previous);
+  EXPECT_EQ(first.position, 9);
+  BytePlace before = code.place_back(9, 4);
+  EXPECT_TRUE(before.in_previous);
+  EXPECT_EQ(before.position, -1);
+  // 00 00 01 split 2 to 1: the value byte at index 1 of the next payload.
+  BytePlace split = StartCode{1, 3}.place_back(0, 3);
+  EXPECT_TRUE(split.in_previous);
+  EXPECT_EQ(split.position, -2);
+}
+
+// Random bytes rich in zeros and ones, cut into random pieces: the fast scan finds what the
+// byte-by-byte reference finds, and ends in the same counters.
+TEST(StartCodeScanner, FastScanAgreesWithTheByteByByteReference) {
+  size_t found = 0;
+  for (uint32_t seed = 1; seed <= 50; ++seed) {
+    std::mt19937 random(seed);
+    Bytes bytes(5000);
+    for (unsigned char& b : bytes) {
+      const uint32_t pick = random() % 8;
+      b = pick < 4 ? 0 : pick < 5 ? 1 : static_cast<unsigned char>(random());
+    }
+    StartCodeScanner fast;
+    StartCodeScanner reference;
+    reference.byte_by_byte = true;
+    size_t at = 0;
+    while (at < bytes.size()) {
+      const size_t end = std::min(bytes.size(), at + 1 + random() % 200);
+      size_t from_fast = at;
+      size_t from_reference = at;
+      for (;;) {
+        const StartCode a = fast.find(bytes.data(), from_fast, end);
+        const StartCode b = reference.find(bytes.data(), from_reference, end);
+        ASSERT_EQ(a.index, b.index) << seed;
+        ASSERT_EQ(a.prefix_length, b.prefix_length) << seed;
+        ASSERT_EQ(fast.prefix_length, reference.prefix_length) << seed;
+        ASSERT_EQ(fast.last_byte, reference.last_byte) << seed;
+        if (!a.found()) break;
+        ++found;
+        from_fast = from_reference = a.index + 1;
+      }
+      at = end;
+    }
+  }
+  EXPECT_GT(found, 1000u);
+}
+
+}  // namespace
+}  // namespace Veldrin::IndexGen

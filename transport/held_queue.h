@@ -1,0 +1,44 @@
+#ifndef VELDRIN_TRANSPORT_HELD_QUEUE_H
+#define VELDRIN_TRANSPORT_HELD_QUEUE_H
+
+#include <cstddef>
+#include <iterator>
+#include <list>
+#include <utility>
+
+namespace Veldrin::IndexGen {
+
+// A first-in, first-out queue of records that never move while they are in it, so that a
+// parser or a marker may keep a pointer to a record it still needs. Records are added at the
+// back and leave from the front only.
+template <typename Record>
+class HeldQueue {
+ public:
+  using iterator = typename std::list<Record>::iterator;
+  using const_iterator = typename std::list<Record>::const_iterator;
+
+  template <typename... Arguments>
+  Record& emplace_back(Arguments&&... arguments) {
+    return records.emplace_back(std::forward<Arguments>(arguments)...);
+  }
+  Record& front() { return records.front(); }
+  const Record& front() const { return records.front(); }
+  Record& back() { return records.back(); }
+  void pop_front() { records.pop_front(); }
+  // Removes the records from the front up to, not including, end.
+  void pop_front_until(const_iterator end) { records.erase(records.cbegin(), end); }
+
+  bool empty() const { return records.empty(); }
+  size_t size() const { return records.size(); }
+  iterator begin() { return records.begin(); }
+  iterator end() { return records.end(); }
+  const_iterator begin() const { return records.begin(); }
+  const_iterator end() const { return records.end(); }
+
+ private:
+  std::list<Record> records;
+};
+
+}  // namespace Veldrin::IndexGen
+
+#endif
