@@ -8,6 +8,7 @@
 #include <initializer_list>
 #include <iterator>
 #include <memory>
+#include <type_traits>
 #include <vector>
 
 namespace Veldrin::IndexGen {
