@@ -46,7 +46,7 @@ void TSPipeline::read(const unsigned char* data, int32_t length) {
   ScanEnd at;
   try {
     if (kept != 0) {
-      buffer.insert(buffer.end(), data, data + std::min(count, JOIN_SIZE));
+      if (count != 0) buffer.insert(buffer.end(), data, data + std::min(count, JOIN_SIZE));
       at = scan(buffer.data(), 0, kept, end, offset);
       buffer.resize(kept);
     }
@@ -58,17 +58,17 @@ void TSPipeline::read(const unsigned char* data, int32_t length) {
   } catch (...) {
     // Not a failure of the stream's bytes: every byte of this call stays for the next one.
     buffer.resize(kept);
-    buffer.insert(buffer.end(), data, data + count);
+    if (count != 0) buffer.insert(buffer.end(), data, data + count);
     throw;
   }
   offset += at.position;
-  if (!at.kept) {
+  if (!at.kept || at.position == end) {
     buffer.clear();
   } else if (at.position >= kept) {
     buffer.assign(data + (at.position - kept), data + count);
   } else {
     buffer.erase(buffer.begin(), buffer.begin() + static_cast<std::ptrdiff_t>(at.position));
-    buffer.insert(buffer.end(), data, data + count);
+    if (count != 0) buffer.insert(buffer.end(), data, data + count);
   }
 }
 
