@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <iterator>
 #include <list>
+#include <tuple>
 #include <utility>
 
 namespace Veldrin::IndexGen {
@@ -23,7 +24,8 @@ class HeldQueue {
     if (spare.empty()) return records.emplace_back(std::forward<Arguments>(arguments)...);
     records.splice(records.end(), spare, spare.begin());
     Record& record = records.back();
-    record = Record(std::forward<Arguments>(arguments)...);
+    record = std::make_from_tuple<Record>(
+        std::forward_as_tuple(std::forward<Arguments>(arguments)...));
     return record;
   }
   Record& front() { return records.front(); }

@@ -23,6 +23,9 @@ namespace {
 std::atomic<size_t> allocations{0};
 }  // namespace
 
+// The replacements pair malloc with free, as the library's own do.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
 void* operator new(size_t size) {
   allocations.fetch_add(1, std::memory_order_relaxed);
   if (void* block = std::malloc(size == 0 ? 1 : size)) return block;
@@ -33,6 +36,7 @@ void operator delete(void* block) noexcept { std::free(block); }
 void operator delete[](void* block) noexcept { std::free(block); }
 void operator delete(void* block, size_t) noexcept { std::free(block); }
 void operator delete[](void* block, size_t) noexcept { std::free(block); }
+#pragma GCC diagnostic pop
 
 namespace Veldrin::IndexGen {
 namespace {
