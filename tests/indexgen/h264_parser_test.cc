@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "indexgen/h264_units.h"
-#include "support/log_capture.h"
+#include "indexgen/log_lines.h"
 
 namespace Veldrin::IndexGen {
 namespace {
@@ -16,7 +16,7 @@ namespace {
 using VdxTest::aud;
 using VdxTest::Bits;
 using VdxTest::idr;
-using Veldrin::Testing::LogCapture;
+using VdxTest::LogLines;
 using VdxTest::nal;
 using VdxTest::nonref_slice;
 using VdxTest::pps;
@@ -84,7 +84,7 @@ struct Harness {
 
   size_t stream_chunk = 184;
 
-  LogCapture log;
+  LogLines log;
   H264Parser parser;
   std::list<CapturedPacket> records;
 };

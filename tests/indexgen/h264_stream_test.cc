@@ -14,13 +14,13 @@
 
 #include "indexgen/generator.h"
 #include "indexgen/h264_parser.h"
-#include "support/log_capture.h"
+#include "indexgen/log_lines.h"
 #include "transport/pipeline.h"
 
 namespace Veldrin::IndexGen {
 namespace {
 
-using Veldrin::Testing::LogCapture;
+using VdxTest::LogLines;
 
 constexpr uint16_t kVideoPid = 0x100;
 
@@ -105,7 +105,7 @@ void PrintTo(const Expected& expected, std::ostream* out) {
 }
 
 struct Indexed {
-  LogCapture log;
+  LogLines log;
   Recorder writer;
   std::ostringstream dump;
   int32_t block_count = 0;

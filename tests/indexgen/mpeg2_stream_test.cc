@@ -128,7 +128,7 @@ void index_stream(const Bytes& stream, Indexed& out) {
     pipeline.read(stream.data() + at, static_cast<int32_t>(size));
   }
   out.block_count = generator.block_count;
-  out.log = log.texts();
+  out.log = log.lines;
 }
 
 class Mpeg2Stream : public testing::TestWithParam<const char*> {

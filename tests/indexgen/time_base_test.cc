@@ -70,8 +70,8 @@ TEST(TimeBase, PcrCloserThanTenMillisecondsIsAGapAndKeepsTheTimeBase) {
   h.pcr(27000000);           // 1.0 s at offset 0
   h.pcr(27000000 + 105469);  // 3.9 ms later at offset 188
   ASSERT_EQ(h.log.lines.size(), 1u);
-  EXPECT_EQ(h.log.levels()[0], 2);
-  EXPECT_EQ(h.log.texts()[0], "PCR gap of 0.00390626 after 0 ignored for rate calculation");
+  EXPECT_EQ(h.log.levels[0], 2);
+  EXPECT_EQ(h.log.lines[0], "PCR gap of 0.00390626 after 0 ignored for rate calculation");
   EXPECT_EQ(h.generator.time_base.duration, 0.0);
   EXPECT_EQ(h.generator.time_base.last_offset, 0u);
   EXPECT_EQ(h.generator.time_base.max_rate, 0);
@@ -102,7 +102,7 @@ TEST(TimeBase, PcrTenSecondsLaterIsMeasuredAndAnyFurtherIsAGap) {
   EXPECT_EQ(h.generator.time_base.max_rate, 150);  // 1504 bits in 10 s
   h.pcr(270000000 + 270000001);                    // one tick more than 10 s
   ASSERT_EQ(h.log.lines.size(), 1u);
-  EXPECT_EQ(h.log.texts()[0], "PCR gap of 10 after 10 ignored for rate calculation");
+  EXPECT_EQ(h.log.lines[0], "PCR gap of 10 after 10 ignored for rate calculation");
   EXPECT_EQ(h.generator.time_base.duration, 10.0);
   EXPECT_EQ(h.generator.time_base.last_offset, 188u);
 }
@@ -112,7 +112,7 @@ TEST(TimeBase, EqualPcrIsReportedAsAGap) {
   h.pcr(27000000);
   h.pcr(27000000);
   ASSERT_EQ(h.log.lines.size(), 1u);
-  EXPECT_EQ(h.log.texts()[0], "PCR gap of 0 after 0 ignored for rate calculation");
+  EXPECT_EQ(h.log.lines[0], "PCR gap of 0 after 0 ignored for rate calculation");
 }
 
 TEST(TimeBase, PcrJumpOfTwentySecondsFreezesTheTimeBase) {
@@ -123,8 +123,8 @@ TEST(TimeBase, PcrJumpOfTwentySecondsFreezesTheTimeBase) {
   h.pcr(27000000 * 22 + 13500000);  // 22.5 s
   h.pcr(27000000 * 10);             // 10 s: within 10 s of the old time base again
   ASSERT_EQ(h.log.lines.size(), 2u);
-  EXPECT_EQ(h.log.texts()[0], "PCR gap of 20 after 1 ignored for rate calculation");
-  EXPECT_EQ(h.log.texts()[1], "PCR gap of 20.5 after 1 ignored for rate calculation");
+  EXPECT_EQ(h.log.lines[0], "PCR gap of 20 after 1 ignored for rate calculation");
+  EXPECT_EQ(h.log.lines[1], "PCR gap of 20.5 after 1 ignored for rate calculation");
   EXPECT_EQ(h.generator.time_base.duration, 9.0);
   EXPECT_EQ(h.generator.time_base.last_offset, 4u * 188);
 }
