@@ -73,7 +73,7 @@ struct Indexed {
 
 // Indexes the fixture into the VDX format, whose blocks hold each frame with what goes ahead of
 // it.
-Indexed index_fixture(const TempDir& dir, const std::vector<std::string>& options,
+Indexed index_fixture(const ScratchDir& dir, const std::vector<std::string>& options,
                       const std::string& output) {
   write_file(dir.file(FIXTURE), read_file(source_path("tests/fixtures/" + FIXTURE)));
   std::vector<std::string> args = {"-f", "vdx"};
@@ -92,7 +92,7 @@ bool has_line(const std::string& text, const std::string& line) {
 }
 
 TEST(GeneratorOptions, TablesGoAheadOfEveryFrameByDefault) {
-  TempDir dir;
+  ScratchDir dir;
   Indexed indexed = index_fixture(dir, {}, "plain.vdx");
   ASSERT_EQ(indexed.result.status, 0) << indexed.result.err;
   ASSERT_TRUE(indexed.file.valid);
@@ -107,7 +107,7 @@ TEST(GeneratorOptions, TablesGoAheadOfEveryFrameByDefault) {
 }
 
 TEST(GeneratorOptions, NoTablesLeavesThemOutAndTablesBringsThemBack) {
-  TempDir dir;
+  ScratchDir dir;
   Indexed plain = index_fixture(dir, {}, "plain.vdx");
   Indexed bare = index_fixture(dir, {"-n"}, "bare.vdx");
   Indexed again = index_fixture(dir, {"--no-tables", "--tables"}, "again.vdx");
@@ -140,7 +140,7 @@ TEST(GeneratorOptions, TrimPmtKeepsTheVideoStreamAloneWithTheNextVersion) {
   EXPECT_EQ(original.streams[0], std::make_pair(2, VIDEO_PID));
   EXPECT_EQ(original.streams[1].second, AUDIO_PID);
 
-  TempDir dir;
+  ScratchDir dir;
   Indexed plain = index_fixture(dir, {}, "plain.vdx");
   Indexed trimmed = index_fixture(dir, {"-T"}, "trimmed.vdx");
   Indexed long_name = index_fixture(dir, {"--trim-pmt"}, "long.vdx");
@@ -166,7 +166,7 @@ TEST(GeneratorOptions, TrimPmtKeepsTheVideoStreamAloneWithTheNextVersion) {
 }
 
 TEST(GeneratorOptions, CaPidPutsAPacketOfThatPidAheadOfTheFramesAfterItsFirst) {
-  TempDir dir;
+  ScratchDir dir;
   Indexed plain = index_fixture(dir, {}, "plain.vdx");
   Indexed captured = index_fixture(dir, {"-c", "257"}, "captured.vdx");
   Indexed long_name = index_fixture(dir, {"--ca-pid", "257"}, "long.vdx");

@@ -15,8 +15,7 @@ using namespace VdxTest;
 TEST(FrameCapture, UnreadablePesHeaderIsReportedAndTheRecordStillCaptured) {
   Harness h;
   h.start_mpeg2();
-  h.log.lines.clear();
-  h.log.levels.clear();
+  h.log.clear();
   h.replace_parser([](CapturedPacket&, size_t) {});
   // The header data length runs past the payload: the reader stops after the fixed 9 bytes.
   h.video(0, hex("00 00 01 E0 00 00 80 00 20 AA BB CC"), true);
@@ -35,8 +34,7 @@ TEST(FrameCapture, UnreadablePesHeaderIsReportedAndTheRecordStillCaptured) {
 TEST(FrameCapture, PesHeaderShorterThanItsFixedPartIsReported) {
   Harness h;
   h.start_mpeg2();
-  h.log.lines.clear();
-  h.log.levels.clear();
+  h.log.clear();
   h.replace_parser([](CapturedPacket&, size_t) {});
   h.video(0, hex("00 00 01 E0 00 00"), true);
   h.video(1, hex("00 00 01 E0 00 00 80 00 00 DD"), true);

@@ -5,9 +5,6 @@
 #include <string>
 #include <vector>
 
-#include "foundation/log/channel.h"
-#include "foundation/log/distributor.h"
-
 namespace VdxTest {
 
 using Bytes = std::vector<unsigned char>;
@@ -69,19 +66,6 @@ inline Bytes crc_bytes(const Bytes& section) {
 inline Bytes with_crc(const Bytes& section) {
   return concat({section, crc_bytes(section)});
 }
-
-// Collects the log lines sent while it lives.
-class LogCapture : public Korvix::Log::Channel {
- public:
-  LogCapture() { Korvix::Log::logger.connect(*this); }
-  ~LogCapture() override { Korvix::Log::logger.disconnect(*this); }
-  void log(Korvix::Log::Message& message) override {
-    levels.push_back(message.level);
-    lines.push_back(message.text);
-  }
-  std::vector<int32_t> levels;
-  std::vector<std::string> lines;
-};
 
 }  // namespace VdxTest
 

@@ -5,6 +5,7 @@
 #include <stdexcept>
 
 #include "foundation/channel/block_reader.h"
+#include "support/log_capture.h"
 #include "transport/test_bytes.h"
 
 namespace Veldrin::IndexGen {
@@ -13,7 +14,7 @@ namespace {
 using VdxTest::Bytes;
 using VdxTest::concat;
 using VdxTest::hex;
-using VdxTest::LogCapture;
+using Veldrin::Testing::LogCapture;
 
 class Collector : public TSPipe {
  public:
