@@ -51,12 +51,12 @@ Pmt pmt_of(const std::string& packet) {
   if (at >= 188) return pmt;
   at += size_t{1} + byte(at);  // pointer_field
   if (at + 12 > 188 || byte(at) != 2) return pmt;
-  const size_t length = ((byte(at + 1) & 0x0F) << 8) | byte(at + 2);
+  const size_t length = (size_t{byte(at + 1) & 0x0Fu} << 8) | byte(at + 2);
   const size_t end = at + 3 + length - 4;  // ahead of the CRC
   if (at + 3 + length > 188) return pmt;
   pmt.version = (byte(at + 5) >> 1) & 0x1F;
   pmt.pcr_pid = static_cast<uint16_t>(((byte(at + 8) & 0x1F) << 8) | byte(at + 9));
-  size_t es = at + 12 + (((byte(at + 10) & 0x0F) << 8) | byte(at + 11));
+  size_t es = at + 12 + ((size_t{byte(at + 10) & 0x0Fu} << 8) | byte(at + 11));
   while (es + 5 <= end) {
     pmt.streams.push_back(
         {byte(es), static_cast<uint16_t>(((byte(es + 1) & 0x1F) << 8) | byte(es + 2))});
