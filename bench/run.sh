@@ -88,7 +88,8 @@ for file in "${files[@]}"; do
   if $encrypting; then
     run "vdxindex -q -e" "$build/vdxindex" -q -e "$out/encrypted.ts" -Ee "$out/cert.pem" \
       "$file" "$out/encrypted.vdx2"
-    if [[ -x "$build/vdxdecrypt" ]]; then
+    # Only a copy that was written can be deciphered.
+    if [[ -x "$build/vdxdecrypt" && -s "$out/encrypted.ts" ]]; then
       run "vdxdecrypt -k" "$build/vdxdecrypt" -k "$out/key.pem" "$out/encrypted.ts" "$out/clear.ts"
     fi
     rm -f "$out/encrypted.ts" "$out/clear.ts"

@@ -305,7 +305,7 @@ TEST(SectionReader, PmtEntryReadWithCrcBytesAsItsTail) {
     Bytes section = with_crc(concat(
         {head, Bytes{static_cast<unsigned char>(extra >> 8), static_cast<unsigned char>(extra)}}));
     size_t crc_at = section.size() - 4;
-    uint32_t es_info_length = ((section[crc_at + 1] & 0x0F) << 8) | section[crc_at + 2];
+    uint32_t es_info_length = (uint32_t{section[crc_at + 1] & 0x0Fu} << 8) | section[crc_at + 2];
     PMTSection pmt;
     int32_t status = read_model(gathered(section), pmt);
     if (es_info_length <= 1) {
