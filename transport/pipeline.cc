@@ -18,6 +18,7 @@ namespace {
 constexpr size_t LONGEST_PACKET_READ = 4 + 1 + 255;
 // Bytes of a new chunk copied behind the kept ones, so that such a packet reads from one piece.
 constexpr size_t JOIN_SIZE = 2 * LONGEST_PACKET_READ;
+static_assert(TSPipeline::CARRY_ROOM >= TS_PACKET_SIZE + JOIN_SIZE);
 
 uint32_t nbo_32(const unsigned char* bytes) {
   return static_cast<uint32_t>(bytes[0]) << 24 | static_cast<uint32_t>(bytes[1]) << 16 |

@@ -13,11 +13,15 @@ namespace Veldrin::IndexGen {
 // each to the attached stages.
 class TSPipeline : public TSPipe {
  public:
-  explicit TSPipeline(uint64_t offset_ = 0) : offset(offset_) {}
+  // The carried-over bytes (less than a packet, and the start of the next chunk behind them
+  // while it is read) have their room from the start, so that reading never allocates.
+  explicit TSPipeline(uint64_t offset_ = 0) : offset(offset_) { buffer.reserve(CARRY_ROOM); }
 
   void process(TSPacket& packet) override;
   void read(const unsigned char* data, int32_t length);
   bool read_packet(Korvix::Channel::Reader& reader, TSPacket& packet);
+
+  static constexpr size_t CARRY_ROOM = 1024;
 
   std::vector<unsigned char> buffer;  // bytes not yet consumed
   uint64_t offset;                    // stream position of the first byte of buffer
