@@ -38,7 +38,10 @@ std::string names_of(const KeyList& list) {
   std::string names;
   for (const KeyListRecipient& recipient : list.recipients) {
     if (!names.empty()) names += ", ";
-    names += "\"" + printable_bytes(recipient.name) + "\"";
+    // Appended piece by piece: gcc 12 at -O3 takes "\"" + text for an overlapping copy.
+    names += '"';
+    names += printable_bytes(recipient.name);
+    names += '"';
   }
   return names;
 }

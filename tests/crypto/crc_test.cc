@@ -14,8 +14,9 @@ namespace {
 uint32_t bitwise(uint32_t poly, bool reflected, bool invert,
                  const std::vector<unsigned char>& data) {
   uint32_t crc = 0xFFFFFFFFu;
-  for (unsigned char byte : data) {
-    for (int i = 0; i < 8; i++) {
+  for (const unsigned char value : data) {
+    const uint32_t byte = value;
+    for (uint32_t i = 0; i < 8; i++) {
       uint32_t feedback;
       if (reflected) {
         feedback = (crc ^ (byte >> i)) & 1u;

@@ -24,7 +24,7 @@ void expect_usage(const std::string& out, const std::string& program) {
 }
 
 // Nothing but what the test put there: a run that ends early writes no file.
-bool directory_holds_only(const TempDir& dir, const std::vector<std::string>& names) {
+bool directory_holds_only(const ScratchDir& dir, const std::vector<std::string>& names) {
   size_t count = 0;
   for (const auto& entry : std::filesystem::directory_iterator(dir.path)) {
     ++count;
@@ -61,7 +61,7 @@ TEST(CommandLine, HelpPrintsUsageWithStatusZero) {
 }
 
 TEST(CommandLine, HelpAfterOtherOptionsActsAtOnce) {
-  TempDir dir;
+  ScratchDir dir;
   RunResult result = run_vdxindex({"-q", "--help", "-x", "-f", "xyz", "missing.ts"}, dir.path);
   EXPECT_EQ(result.status, 0);
   expect_usage(result.out, binary_path("vdxindex"));
@@ -77,7 +77,7 @@ TEST(CommandLine, VerboseAloneConnectsTheLogAndPrintsUsage) {
 }
 
 TEST(CommandLine, UnknownFormatNamesTheNumberAndEndsWithStatusTwo) {
-  TempDir dir;
+  ScratchDir dir;
   write_file(dir.file("in.ts"), make_packets(0x100, 1100));
   RunResult result = run_vdxindex({"-f", "xyz", "in.ts"}, dir.path);
   EXPECT_EQ(result.status, 2);
@@ -112,7 +112,7 @@ TEST(CommandLine, EveryOptionWithAnArgumentFailsItsOwnNameAtTheEnd) {
 }
 
 TEST(CommandLine, UnknownOptionIsReportedWhateverTheLogLevelAndTheRunGoesOn) {
-  TempDir dir;
+  ScratchDir dir;
   write_file(dir.file("in.ts"), make_packets(0x100, 1100));
   RunResult result = run_vdxindex({"-q", "-q", "-x", "in.ts"}, dir.path);
   EXPECT_EQ(result.status, 0);
@@ -121,7 +121,7 @@ TEST(CommandLine, UnknownOptionIsReportedWhateverTheLogLevelAndTheRunGoesOn) {
 }
 
 TEST(CommandLine, FormatNamesInAnyCaseGiveTheSameRun) {
-  TempDir dir;
+  ScratchDir dir;
   write_file(dir.file("in.ts"), make_packets(0x100, 1100));
   RunResult plain = run_vdxindex({"in.ts", "plain.vdx2"}, dir.path);
   ASSERT_EQ(plain.status, 0);
@@ -138,7 +138,7 @@ TEST(CommandLine, FormatNamesInAnyCaseGiveTheSameRun) {
 }
 
 TEST(CommandLine, OptionsAfterTheInputNameAreTakenAsNames) {
-  TempDir dir;
+  ScratchDir dir;
   write_file(dir.file("in.ts"), make_packets(0x100, 1100));
   RunResult result = run_vdxindex({"in.ts", "-v", "-q"}, dir.path);
   EXPECT_EQ(result.status, 0);

@@ -2,7 +2,7 @@
 
 namespace Veldrin::Testing {
 
-bool index_fixture_in(const TempDir& dir, const std::string& fixture,
+bool index_fixture_in(const ScratchDir& dir, const std::string& fixture,
                       const std::vector<std::string>& options) {
   if (!write_file(dir.file(fixture), read_file(source_path("tests/fixtures/" + fixture))))
     return false;

@@ -11,7 +11,7 @@ namespace Veldrin::Testing {
 
 // Copies a fixture of tests/fixtures into the directory and indexes it there with vdxindex and
 // the given options; false if either fails.
-bool index_fixture_in(const TempDir& dir, const std::string& fixture,
+bool index_fixture_in(const ScratchDir& dir, const std::string& fixture,
                       const std::vector<std::string>& options = {});
 
 // The path of the built vdx2dump, its argv[0] in the runs of the tests.

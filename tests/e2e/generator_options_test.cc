@@ -51,12 +51,12 @@ Pmt pmt_of(const std::string& packet) {
   if (at >= 188) return pmt;
   at += size_t{1} + byte(at);  // pointer_field
   if (at + 12 > 188 || byte(at) != 2) return pmt;
-  const size_t length = ((byte(at + 1) & 0x0F) << 8) | byte(at + 2);
+  const size_t length = (size_t{byte(at + 1) & 0x0Fu} << 8) | byte(at + 2);
   const size_t end = at + 3 + length - 4;  // ahead of the CRC
   if (at + 3 + length > 188) return pmt;
   pmt.version = (byte(at + 5) >> 1) & 0x1F;
   pmt.pcr_pid = static_cast<uint16_t>(((byte(at + 8) & 0x1F) << 8) | byte(at + 9));
-  size_t es = at + 12 + (((byte(at + 10) & 0x0F) << 8) | byte(at + 11));
+  size_t es = at + 12 + ((size_t{byte(at + 10) & 0x0Fu} << 8) | byte(at + 11));
   while (es + 5 <= end) {
     pmt.streams.push_back(
         {byte(es), static_cast<uint16_t>(((byte(es + 1) & 0x1F) << 8) | byte(es + 2))});
@@ -73,7 +73,7 @@ struct Indexed {
 
 // Indexes the fixture into the VDX format, whose blocks hold each frame with what goes ahead of
 // it.
-Indexed index_fixture(const TempDir& dir, const std::vector<std::string>& options,
+Indexed index_fixture(const ScratchDir& dir, const std::vector<std::string>& options,
                       const std::string& output) {
   write_file(dir.file(FIXTURE), read_file(source_path("tests/fixtures/" + FIXTURE)));
   std::vector<std::string> args = {"-f", "vdx"};
@@ -92,7 +92,7 @@ bool has_line(const std::string& text, const std::string& line) {
 }
 
 TEST(GeneratorOptions, TablesGoAheadOfEveryFrameByDefault) {
-  TempDir dir;
+  ScratchDir dir;
   Indexed indexed = index_fixture(dir, {}, "plain.vdx");
   ASSERT_EQ(indexed.result.status, 0) << indexed.result.err;
   ASSERT_TRUE(indexed.file.valid);
@@ -107,7 +107,7 @@ TEST(GeneratorOptions, TablesGoAheadOfEveryFrameByDefault) {
 }
 
 TEST(GeneratorOptions, NoTablesLeavesThemOutAndTablesBringsThemBack) {
-  TempDir dir;
+  ScratchDir dir;
   Indexed plain = index_fixture(dir, {}, "plain.vdx");
   Indexed bare = index_fixture(dir, {"-n"}, "bare.vdx");
   Indexed again = index_fixture(dir, {"--no-tables", "--tables"}, "again.vdx");
@@ -140,7 +140,7 @@ TEST(GeneratorOptions, TrimPmtKeepsTheVideoStreamAloneWithTheNextVersion) {
   EXPECT_EQ(original.streams[0], std::make_pair(2, VIDEO_PID));
   EXPECT_EQ(original.streams[1].second, AUDIO_PID);
 
-  TempDir dir;
+  ScratchDir dir;
   Indexed plain = index_fixture(dir, {}, "plain.vdx");
   Indexed trimmed = index_fixture(dir, {"-T"}, "trimmed.vdx");
   Indexed long_name = index_fixture(dir, {"--trim-pmt"}, "long.vdx");
@@ -166,7 +166,7 @@ TEST(GeneratorOptions, TrimPmtKeepsTheVideoStreamAloneWithTheNextVersion) {
 }
 
 TEST(GeneratorOptions, CaPidPutsAPacketOfThatPidAheadOfTheFramesAfterItsFirst) {
-  TempDir dir;
+  ScratchDir dir;
   Indexed plain = index_fixture(dir, {}, "plain.vdx");
   Indexed captured = index_fixture(dir, {"-c", "257"}, "captured.vdx");
   Indexed long_name = index_fixture(dir, {"--ca-pid", "257"}, "long.vdx");

@@ -17,12 +17,12 @@ constexpr uint32_t FLAG_INTRA = 2;
 constexpr uint32_t FLAG_REF = 4;
 constexpr uint32_t FLAG_VIDEO_START = 8;
 
-void copy_fixture(const TempDir& dir, const std::string& name) {
+void copy_fixture(const ScratchDir& dir, const std::string& name) {
   ASSERT_TRUE(write_file(dir.file(name), read_file(source_path("tests/fixtures/" + name))));
 }
 
 // The frames that -d writes to standard output, in dir/dump.ts.
-void dump_frames(const TempDir& dir, const std::string& name) {
+void dump_frames(const ScratchDir& dir, const std::string& name) {
   RunResult dumped = run_vdxindex({"-d", name, "dump.vdx2"}, dir.path);
   ASSERT_EQ(dumped.status, 0) << dumped.err;
   ASSERT_FALSE(dumped.out.empty());
@@ -30,7 +30,7 @@ void dump_frames(const TempDir& dir, const std::string& name) {
 }
 
 // What a player would send for the index, in dir/<out>.
-void replay(const TempDir& dir, const std::string& index, const std::string& source,
+void replay(const ScratchDir& dir, const std::string& index, const std::string& source,
             const std::string& out) {
   RunResult replayed = run_vdx2dump({"--replay", source, index}, dir.path);
   ASSERT_EQ(replayed.status, 0) << replayed.err;
@@ -38,7 +38,7 @@ void replay(const TempDir& dir, const std::string& index, const std::string& sou
   ASSERT_TRUE(write_file(dir.file(out), replayed.out));
 }
 
-void expect_same_intra_pictures(const TempDir& dir, const std::string& replayed) {
+void expect_same_intra_pictures(const ScratchDir& dir, const std::string& replayed) {
   const Decoded dump = decode(dir.file("dump.ts"));
   const Decoded replay = decode(dir.file(replayed));
   EXPECT_EQ(dump.status, 0);
@@ -105,7 +105,7 @@ TEST(IndexReplay, ReplayDecodesToTheIntraPicturesOfTheDump) {
   ASSERT_FALSE(fixtures.empty());
   for (const std::string& name : fixtures) {
     SCOPED_TRACE(name);
-    TempDir dir;
+    ScratchDir dir;
     copy_fixture(dir, name);
     RunResult indexed = run_vdxindex({name}, dir.path);
     ASSERT_EQ(indexed.status, 0) << indexed.err;
@@ -119,7 +119,7 @@ TEST(IndexReplay, ExternalFrameFileReplaysTheSamePictures) {
   VDX_REQUIRE_FFMPEG();
   for (const std::string& name : mpeg2_fixtures()) {
     SCOPED_TRACE(name);
-    TempDir dir;
+    ScratchDir dir;
     copy_fixture(dir, name);
     RunResult indexed = run_vdxindex({"-Ix", name}, dir.path);
     ASSERT_EQ(indexed.status, 0) << indexed.err;
@@ -133,7 +133,7 @@ TEST(IndexReplay, ExternalFrameFileReplaysTheSamePictures) {
 TEST(IndexReplay, OtherBlockSizesCutTheDataDifferentlyButReplayTheSamePictures) {
   VDX_REQUIRE_FFMPEG();
   const std::string name = "mpeg2_bframes.ts";
-  TempDir dir;
+  ScratchDir dir;
   copy_fixture(dir, name);
   dump_frames(dir, name);
   for (const std::string size : {"37", "100", "4096"}) {
@@ -156,7 +156,7 @@ TEST(IndexReplay, IndexIsWholeBlocksAndEveryGroupNumbersItsBlocks) {
   for (const std::string& name : mpeg2_fixtures()) {
     for (const bool external : {false, true}) {
       SCOPED_TRACE(name + (external ? " with external frames" : ""));
-      TempDir dir;
+      ScratchDir dir;
       copy_fixture(dir, name);
       std::vector<std::string> args = {name};
       if (external) args.insert(args.begin(), "-Ix");
@@ -179,7 +179,7 @@ TEST(IndexReplay, IndexIsWholeBlocksAndEveryGroupNumbersItsBlocks) {
 }
 
 TEST(IndexReplay, BlockSizeBelowSixteenEndsTheProcessAbnormallyAtOpen) {
-  TempDir dir;
+  ScratchDir dir;
   copy_fixture(dir, "mpeg2_bframes.ts");
   RunResult result = run_vdxindex({"-Ib", "15", "mpeg2_bframes.ts"}, dir.path);
   EXPECT_EQ(result.status, -1);
@@ -194,7 +194,7 @@ TEST(IndexReplay, BlockSizeBelowSixteenEndsTheProcessAbnormallyAtOpen) {
 TEST(IndexReplay, BlockSizesFrom16To35FailEveryBlockWriteWhileTheRunEndsNormally) {
   for (const uint32_t size : {16u, 20u, 35u}) {
     SCOPED_TRACE(size);
-    TempDir dir;
+    ScratchDir dir;
     copy_fixture(dir, "mpeg2_bframes.ts");
     RunResult result =
         run_vdxindex({"-Ib", std::to_string(size), "mpeg2_bframes.ts", "out.vdx2"}, dir.path);
@@ -215,7 +215,7 @@ TEST(IndexReplay, BlockSizesFrom16To35FailEveryBlockWriteWhileTheRunEndsNormally
 }
 
 TEST(IndexReplay, OutputThatCannotBeOpenedEndsWithStatusTwo) {
-  TempDir dir;
+  ScratchDir dir;
   copy_fixture(dir, "mpeg2_bframes.ts");
   RunResult result = run_vdxindex({"mpeg2_bframes.ts", "nowhere/out.vdx2"}, dir.path);
   EXPECT_EQ(result.status, 2);
@@ -224,7 +224,7 @@ TEST(IndexReplay, OutputThatCannotBeOpenedEndsWithStatusTwo) {
 }
 
 TEST(IndexReplay, FrameFileThatCannotBeOpenedEndsWithStatusTwo) {
-  TempDir dir;
+  ScratchDir dir;
   copy_fixture(dir, "mpeg2_bframes.ts");
   RunResult result =
       run_vdxindex({"-IX", "nowhere/frames.vdf", "mpeg2_bframes.ts", "out.vdx2"}, dir.path);

@@ -51,7 +51,7 @@ std::vector<Expected> blocks_of_timed_stream(uint64_t start, size_t packets) {
 }
 
 TEST(Input, FileWithGarbageAheadAlignsAtItsFirstPacket) {
-  TempDir dir;
+  ScratchDir dir;
   write_file(dir.file("in.ts"),
              std::string(100, '\x01') + make_packets(0x100, 1100, pcr_every_100));
   RunResult result = run_vdxindex({"-S", "in.ts"}, dir.path);
@@ -65,7 +65,7 @@ TEST(Input, FileWithGarbageAheadAlignsAtItsFirstPacket) {
 }
 
 TEST(Input, FileStartingOnAPacketLogsNoAlignment) {
-  TempDir dir;
+  ScratchDir dir;
   write_file(dir.file("in.ts"), make_packets(0x100, 1100, pcr_every_100));
   RunResult result = run_vdxindex({"-S", "in.ts"}, dir.path);
   EXPECT_EQ(result.status, 0);
@@ -74,7 +74,7 @@ TEST(Input, FileStartingOnAPacketLogsNoAlignment) {
 }
 
 TEST(Input, FewerThanTenPacketsDoNotAlign) {
-  TempDir dir;
+  ScratchDir dir;
   write_file(dir.file("in.ts"), make_packets(0x100, 9, pcr_every_100));
   RunResult result = run_vdxindex({"in.ts"}, dir.path);
   EXPECT_EQ(result.status, 6);
@@ -83,7 +83,7 @@ TEST(Input, FewerThanTenPacketsDoNotAlign) {
 }
 
 TEST(Input, SpacedSyncBytesAnywhereInTheWindowMustNumberTen) {
-  TempDir dir;
+  ScratchDir dir;
   // Nine spaced sync bytes in a large file of zeros.
   std::string file(400000, '\0');
   for (size_t k = 0; k < 9; ++k) file[5000 + 188 * k] = 0x47;
@@ -94,7 +94,7 @@ TEST(Input, SpacedSyncBytesAnywhereInTheWindowMustNumberTen) {
 }
 
 TEST(Input, StreamStartingTooLateDoesNotAlign) {
-  TempDir dir;
+  ScratchDir dir;
   write_file(dir.file("late.ts"), std::string(185932, '\0') + make_packets(0x100, 200));
   RunResult result = run_vdxindex({"late.ts"}, dir.path);
   EXPECT_EQ(result.status, 6);
@@ -107,7 +107,7 @@ TEST(Input, StreamStartingTooLateDoesNotAlign) {
 }
 
 TEST(Input, ShortFileThatAlignsFeedsNothing) {
-  TempDir dir;
+  ScratchDir dir;
   write_file(dir.file("in.ts"), std::string(100, '\x01') + make_packets(0x100, 10, pcr_every_100));
   RunResult result = run_vdxindex({"in.ts"}, dir.path);
   EXPECT_EQ(result.status, 0);
@@ -144,7 +144,7 @@ std::optional<uint64_t> pcr_across_chunks(size_t index) {
 const std::vector<Expected> ACROSS_CHUNKS = {{65424, 125}, {131036, 250}, {188000, 375}};
 
 TEST(Input, PacketAcrossAChunkBoundaryKeepsItsOffsetInAFile) {
-  TempDir dir;
+  ScratchDir dir;
   write_file(dir.file("in.ts"), make_packets(0x100, 1100, pcr_across_chunks));
   RunResult result = run_vdxindex({"-S", "in.ts"}, dir.path);
   EXPECT_EQ(result.status, 0);
@@ -152,7 +152,7 @@ TEST(Input, PacketAcrossAChunkBoundaryKeepsItsOffsetInAFile) {
 }
 
 TEST(Input, PacketAcrossAChunkBoundaryKeepsItsOffsetOnStandardInput) {
-  TempDir dir;
+  ScratchDir dir;
   RunResult result =
       run_vdxindex({"-S", "-"}, dir.path, make_packets(0x100, 1100, pcr_across_chunks));
   EXPECT_EQ(result.status, 0);
@@ -160,7 +160,7 @@ TEST(Input, PacketAcrossAChunkBoundaryKeepsItsOffsetOnStandardInput) {
 }
 
 TEST(Input, StandardInputIsNeverAlignedAndCountsLeadingGarbage) {
-  TempDir dir;
+  ScratchDir dir;
   std::string input = std::string(100, '\x01') + make_packets(0x100, 1100, pcr_every_100);
   RunResult result = run_vdxindex({"-S", "-"}, dir.path, input);
   EXPECT_EQ(result.status, 0);
@@ -169,7 +169,7 @@ TEST(Input, StandardInputIsNeverAlignedAndCountsLeadingGarbage) {
 }
 
 TEST(Input, ShortStandardInputIsFedWhole) {
-  TempDir dir;
+  ScratchDir dir;
   // Fewer bytes than an alignment would need, but standard input has none.
   RunResult result = run_vdxindex({"-S", "-"}, dir.path, make_packets(0x100, 101, pcr_every_100));
   EXPECT_EQ(result.status, 0);
@@ -195,7 +195,7 @@ TEST(Input, GarbageAndStraySyncBytesBetweenPacketsAreHuntedOver) {
   pcr_packet_300 = input.size();
   for (size_t i = 300; i < 310; ++i) put(i);
 
-  TempDir dir;
+  ScratchDir dir;
   RunResult result = run_vdxindex({"-S", "-"}, dir.path, input);
   EXPECT_EQ(result.status, 0);
   // Passing over bytes is silent.
@@ -215,7 +215,7 @@ TEST(Input, GarbageAndStraySyncBytesBetweenPacketsAreHuntedOver) {
 }
 
 TEST(Input, NamedPipeGivenByPathFeedsNothingAfterTheAlignment) {
-  TempDir dir;
+  ScratchDir dir;
   std::string fifo = dir.file("fifo.ts");
   ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
   std::string stream = make_packets(0x100, 2000, pcr_every_100);

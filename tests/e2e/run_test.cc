@@ -1,8 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <functional>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -38,57 +41,18 @@ std::string system_text(int error) {
   return std::strerror(error);
 }
 
-TEST(Run, StreamWithPcrGivesEveryLineOfTheRun) {
-  TempDir dir;
-  write_file(dir.file("in.ts"), timed_stream());
-  RunResult result = run_vdxindex({"in.ts"}, dir.path);
-  EXPECT_EQ(result.status, 0);
-  // 188000 bytes in 1.25 seconds; each 0.125 seconds 100 packets.
-  EXPECT_EQ(result.err, BANNER +
-                            "Indexing in.ts into in.ts.vdx2\n"
-                            "Output index format: VDX2\n"
-                            "Creating index of 0 blocks\n"
-                            "Duration:\t1.25\tseconds\n"
-                            "Average rate:\t1203200\tbits/sec\n"
-                            "Maximum rate:\t1203200\tbits/sec\n"
-                            "Minimum rate:\t1203200\tbits/sec\n"
-                            "Done\n");
-  EXPECT_EQ(result.out, "");
-  EXPECT_EQ(read_file(dir.file("in.ts.vdx2")), vdx2_header(0));
-}
+// The closing lines of a run over timed_stream(): 188000 bytes in 1.25 seconds, and each 0.125
+// seconds 100 packets.
+const std::string TIMED_CLOSE =
+    "Duration:\t1.25\tseconds\n"
+    "Average rate:\t1203200\tbits/sec\n"
+    "Maximum rate:\t1203200\tbits/sec\n"
+    "Minimum rate:\t1203200\tbits/sec\n"
+    "Done\n";
 
-TEST(Run, StreamWithoutPcrPrintsDurationMinusOneAndNoRates) {
-  TempDir dir;
-  write_file(dir.file("in.ts"), make_packets(0x100, 1100));
-  RunResult result = run_vdxindex({"in.ts", "out.idx"}, dir.path);
-  EXPECT_EQ(result.status, 0);
-  EXPECT_EQ(result.err, BANNER +
-                            "Indexing in.ts into out.idx\n"
-                            "Output index format: VDX2\n"
-                            "Creating index of 0 blocks\n"
-                            "Duration:\t-1\tseconds\n"
-                            "Done\n");
-  EXPECT_EQ(read_file(dir.file("out.idx")), vdx2_header(0));
-  EXPECT_FALSE(file_exists(dir.file("in.ts.vdx2")));
-}
-
-TEST(Run, SeekPcrOnlyLogsBothLinesAndIndexesEachAcceptedPcr) {
-  TempDir dir;
-  write_file(dir.file("in.ts"), timed_stream());
-  RunResult result = run_vdxindex({"-S", "in.ts"}, dir.path);
-  EXPECT_EQ(result.status, 0);
-  EXPECT_EQ(result.err, BANNER +
-                            "Indexing in.ts into in.ts.vdx2\n"
-                            "Offset index for seek only\n"
-                            "Capturing only PCR timing, not video frames\n"
-                            "Output index format: VDX2\n"
-                            "Creating index of 10 blocks\n"
-                            "Duration:\t1.25\tseconds\n"
-                            "Average rate:\t1203200\tbits/sec\n"
-                            "Maximum rate:\t1203200\tbits/sec\n"
-                            "Minimum rate:\t1203200\tbits/sec\n"
-                            "Done\n");
-  Vdx2File index = parse_vdx2(read_file(dir.file("in.ts.vdx2")));
+// The ten blocks of a seek index over timed_stream(): one at each PCR after the first.
+void expect_ten_pcr_blocks(const std::string& bytes) {
+  Vdx2File index = parse_vdx2(bytes);
   ASSERT_TRUE(index.valid);
   ASSERT_EQ(index.blocks.size(), 10u);
   for (size_t j = 1; j <= 10; ++j) {
@@ -102,34 +66,107 @@ TEST(Run, SeekPcrOnlyLogsBothLinesAndIndexesEachAcceptedPcr) {
   }
 }
 
-TEST(Run, AlignmentSyncSeekAndPcrLinesComeInThisOrder) {
-  TempDir dir;
-  write_file(dir.file("in.ts"), std::string(100, '\x01') + timed_stream());
-  write_file(dir.file("clean.ts"), timed_stream());
-  RunResult result = run_vdxindex({"-S", "-O", "clean.ts", "in.ts"}, dir.path);
-  EXPECT_EQ(result.status, 0);
-  // The offsets, and with them the rates, are those of the clean copy.
-  EXPECT_EQ(result.err, BANNER +
-                            "Indexing in.ts into in.ts.vdx2\n"
-                            "Aligned with start of TS stream at byte 100\n"
-                            "Syncing to clean.ts for offsets\n"
-                            "Offset index for seek only\n"
-                            "Capturing only PCR timing, not video frames\n"
-                            "Output index format: VDX2\n"
-                            "Creating index of 10 blocks\n"
-                            "Duration:\t1.25\tseconds\n"
-                            "Average rate:\t1203200\tbits/sec\n"
-                            "Maximum rate:\t1203200\tbits/sec\n"
-                            "Minimum rate:\t1203200\tbits/sec\n"
-                            "Done\n");
-  Vdx2File index = parse_vdx2(read_file(dir.file("in.ts.vdx2")));
-  ASSERT_TRUE(index.valid);
-  ASSERT_EQ(index.blocks.size(), 10u);
-  for (size_t j = 1; j <= 10; ++j) EXPECT_EQ(index.blocks[j - 1].offset, j * 18800) << j;
+// One run that ends well, the whole of its standard error, and what it leaves in its directory.
+struct Transcript {
+  const char* name;
+  std::string input;       // in.ts; given on standard input instead when the arguments say "-"
+  std::string clean_copy;  // clean.ts when not empty
+  std::vector<std::string> args;
+  std::string err;  // behind the banner
+  std::function<void(const ScratchDir&)> check_files;
+};
+
+void PrintTo(const Transcript& transcript, std::ostream* out) {
+  *out << transcript.name;
 }
 
+class RunTranscript : public ::testing::TestWithParam<Transcript> {};
+
+TEST_P(RunTranscript, StandardErrorHoldsEveryLineOfTheRun) {
+  const Transcript& t = GetParam();
+  ScratchDir dir;
+  const bool on_standard_input = std::find(t.args.begin(), t.args.end(), "-") != t.args.end();
+  if (!on_standard_input) write_file(dir.file("in.ts"), t.input);
+  if (!t.clean_copy.empty()) write_file(dir.file("clean.ts"), t.clean_copy);
+  RunResult result =
+      on_standard_input ? run_vdxindex(t.args, dir.path, t.input) : run_vdxindex(t.args, dir.path);
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.err, BANNER + t.err);
+  EXPECT_EQ(result.out, "");
+  t.check_files(dir);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Run, RunTranscript,
+    ::testing::Values(Transcript{"StreamWithPcrGivesEveryLineOfTheRun",
+                                 timed_stream(),
+                                 "",
+                                 {"in.ts"},
+                                 "Indexing in.ts into in.ts.vdx2\n"
+                                 "Output index format: VDX2\n"
+                                 "Creating index of 0 blocks\n" +
+                                     TIMED_CLOSE,
+                                 [](const ScratchDir& dir) {
+                                   EXPECT_EQ(read_file(dir.file("in.ts.vdx2")), vdx2_header(0));
+                                 }},
+                      Transcript{"StreamWithoutPcrPrintsDurationMinusOneAndNoRates",
+                                 make_packets(0x100, 1100),
+                                 "",
+                                 {"in.ts", "out.idx"},
+                                 "Indexing in.ts into out.idx\n"
+                                 "Output index format: VDX2\n"
+                                 "Creating index of 0 blocks\n"
+                                 "Duration:\t-1\tseconds\n"
+                                 "Done\n",
+                                 [](const ScratchDir& dir) {
+                                   EXPECT_EQ(read_file(dir.file("out.idx")), vdx2_header(0));
+                                   EXPECT_FALSE(file_exists(dir.file("in.ts.vdx2")));
+                                 }},
+                      Transcript{"SeekPcrOnlyLogsBothLinesAndIndexesEachAcceptedPcr",
+                                 timed_stream(),
+                                 "",
+                                 {"-S", "in.ts"},
+                                 "Indexing in.ts into in.ts.vdx2\n"
+                                 "Offset index for seek only\n"
+                                 "Capturing only PCR timing, not video frames\n"
+                                 "Output index format: VDX2\n"
+                                 "Creating index of 10 blocks\n" +
+                                     TIMED_CLOSE,
+                                 [](const ScratchDir& dir) {
+                                   expect_ten_pcr_blocks(read_file(dir.file("in.ts.vdx2")));
+                                 }},
+                      // The offsets, and with them the rates, are those of the clean copy.
+                      Transcript{"AlignmentSyncSeekAndPcrLinesComeInThisOrder",
+                                 std::string(100, '\x01') + timed_stream(),
+                                 timed_stream(),
+                                 {"-S", "-O", "clean.ts", "in.ts"},
+                                 "Indexing in.ts into in.ts.vdx2\n"
+                                 "Aligned with start of TS stream at byte 100\n"
+                                 "Syncing to clean.ts for offsets\n"
+                                 "Offset index for seek only\n"
+                                 "Capturing only PCR timing, not video frames\n"
+                                 "Output index format: VDX2\n"
+                                 "Creating index of 10 blocks\n" +
+                                     TIMED_CLOSE,
+                                 [](const ScratchDir& dir) {
+                                   expect_ten_pcr_blocks(read_file(dir.file("in.ts.vdx2")));
+                                 }},
+                      Transcript{"StandardInputIsNamedPipeAfterTheNamesAreDerived",
+                                 timed_stream(),
+                                 "",
+                                 {"-"},
+                                 "Indexing pipe into -.vdx2\n"
+                                 "Output index format: VDX2\n"
+                                 "Creating index of 0 blocks\n" +
+                                     TIMED_CLOSE,
+                                 [](const ScratchDir& dir) {
+                                   EXPECT_EQ(read_file(dir.file("-.vdx2")), vdx2_header(0));
+                                   EXPECT_FALSE(file_exists(dir.file("pipe.vdx2")));
+                                 }}),
+    [](const ::testing::TestParamInfo<Transcript>& info) { return std::string(info.param.name); });
+
 TEST(Run, SeekOnlyLogsItsLineAlone) {
-  TempDir dir;
+  ScratchDir dir;
   write_file(dir.file("in.ts"), timed_stream());
   RunResult result = run_vdxindex({"--seek-only", "in.ts"}, dir.path);
   EXPECT_EQ(result.status, 0);
@@ -140,7 +177,7 @@ TEST(Run, SeekOnlyLogsItsLineAlone) {
 }
 
 TEST(Run, OneQuietLeavesOnlyErrors) {
-  TempDir dir;
+  ScratchDir dir;
   write_file(dir.file("in.ts"), timed_stream());
   RunResult result = run_vdxindex({"-q", "-S", "in.ts"}, dir.path);
   EXPECT_EQ(result.status, 0);
@@ -153,14 +190,14 @@ TEST(Run, OneQuietLeavesOnlyErrors) {
 }
 
 TEST(Run, TwoQuietSilenceEvenErrors) {
-  TempDir dir;
+  ScratchDir dir;
   RunResult result = run_vdxindex({"-q", "--quiet", "missing.ts"}, dir.path);
   EXPECT_EQ(result.status, 2);
   EXPECT_EQ(result.err, "");
 }
 
 TEST(Run, VerboseShowsDetailLinesAndMoreVerboseChangesNothing) {
-  TempDir dir;
+  ScratchDir dir;
   write_file(dir.file("in.ts"), timed_stream());
   RunResult plain = run_vdxindex({"-S", "in.ts"}, dir.path);
   RunResult verbose = run_vdxindex({"-v", "-S", "in.ts"}, dir.path);
@@ -172,7 +209,7 @@ TEST(Run, VerboseShowsDetailLinesAndMoreVerboseChangesNothing) {
 }
 
 TEST(Run, InputThatCannotBeOpenedEndsWithStatusTwo) {
-  TempDir dir;
+  ScratchDir dir;
   RunResult result = run_vdxindex({"missing.ts"}, dir.path);
   EXPECT_EQ(result.status, 2);
   EXPECT_EQ(result.err, BANNER + "Can't open input file: " + system_text(ENOENT) + "\n");
@@ -180,7 +217,7 @@ TEST(Run, InputThatCannotBeOpenedEndsWithStatusTwo) {
 }
 
 TEST(Run, OutputThatCannotBeOpenedEndsWithStatusTwo) {
-  TempDir dir;
+  ScratchDir dir;
   write_file(dir.file("in.ts"), timed_stream());
   RunResult result = run_vdxindex({"in.ts", "nowhere/out.vdx2"}, dir.path);
   EXPECT_EQ(result.status, 2);
@@ -197,7 +234,7 @@ TEST(Run, OutputThatCannotBeOpenedEndsWithStatusTwo) {
 }
 
 TEST(Run, VdxOutputThatCannotBeOpenedIsReportedByTheWriterToo) {
-  TempDir dir;
+  ScratchDir dir;
   write_file(dir.file("in.ts"), timed_stream());
   RunResult result = run_vdxindex({"-f", "vdx", "in.ts", "nowhere/out.vdx"}, dir.path);
   EXPECT_EQ(result.status, 2);
@@ -210,7 +247,7 @@ TEST(Run, VdxOutputThatCannotBeOpenedIsReportedByTheWriterToo) {
 }
 
 TEST(Run, ExternalFramesNameTheFrameFileAndSetBitZero) {
-  TempDir dir;
+  ScratchDir dir;
   write_file(dir.file("in.ts"), timed_stream());
   RunResult result = run_vdxindex({"-If", "2", "-Ix", "in.ts", "out.vdx2"}, dir.path);
   EXPECT_EQ(result.status, 0);
@@ -222,7 +259,7 @@ TEST(Run, ExternalFramesNameTheFrameFileAndSetBitZero) {
 }
 
 TEST(Run, IndexFlagsAloneAreStoredAsGiven) {
-  TempDir dir;
+  ScratchDir dir;
   write_file(dir.file("in.ts"), timed_stream());
   RunResult result = run_vdxindex({"-If", "2", "in.ts"}, dir.path);
   EXPECT_EQ(result.status, 0);
@@ -231,7 +268,7 @@ TEST(Run, IndexFlagsAloneAreStoredAsGiven) {
 }
 
 TEST(Run, ExternalFileGivenByNameIsMade) {
-  TempDir dir;
+  ScratchDir dir;
   write_file(dir.file("in.ts"), timed_stream());
   RunResult result = run_vdxindex({"-IX", "frames.bin", "in.ts"}, dir.path);
   EXPECT_EQ(result.status, 0);
@@ -241,7 +278,7 @@ TEST(Run, ExternalFileGivenByNameIsMade) {
 }
 
 TEST(Run, ExternalFramesWithVdxAreNamedButNotMade) {
-  TempDir dir;
+  ScratchDir dir;
   write_file(dir.file("in.ts"), timed_stream());
   RunResult result = run_vdxindex({"-Ix", "-f", "vdx", "in.ts"}, dir.path);
   EXPECT_EQ(result.status, 0);
@@ -253,7 +290,7 @@ TEST(Run, ExternalFramesWithVdxAreNamedButNotMade) {
 }
 
 TEST(Run, VdxTableIsSizedByTheInputFilesLength) {
-  TempDir dir;
+  ScratchDir dir;
   write_file(dir.file("in.ts"), timed_stream());  // 206800 bytes
   RunResult result = run_vdxindex({"-f", "vdx", "in.ts"}, dir.path);
   EXPECT_EQ(result.status, 0);
@@ -273,7 +310,7 @@ TEST(Run, VdxTableIsSizedByTheInputFilesLength) {
 }
 
 TEST(Run, BlockSizeThatTheWriterRefusesEndsTheProcessAbnormally) {
-  TempDir dir;
+  ScratchDir dir;
   write_file(dir.file("in.ts"), timed_stream());
   RunResult result = run_vdxindex({"-Ib", "8", "in.ts"}, dir.path);
   EXPECT_EQ(result.status, -1);
@@ -284,25 +321,8 @@ TEST(Run, BlockSizeThatTheWriterRefusesEndsTheProcessAbnormally) {
       << result.err;
 }
 
-TEST(Run, StandardInputIsNamedPipeAfterTheNamesAreDerived) {
-  TempDir dir;
-  RunResult result = run_vdxindex({"-"}, dir.path, timed_stream());
-  EXPECT_EQ(result.status, 0);
-  EXPECT_EQ(result.err, BANNER +
-                            "Indexing pipe into -.vdx2\n"
-                            "Output index format: VDX2\n"
-                            "Creating index of 0 blocks\n"
-                            "Duration:\t1.25\tseconds\n"
-                            "Average rate:\t1203200\tbits/sec\n"
-                            "Maximum rate:\t1203200\tbits/sec\n"
-                            "Minimum rate:\t1203200\tbits/sec\n"
-                            "Done\n");
-  EXPECT_EQ(read_file(dir.file("-.vdx2")), vdx2_header(0));
-  EXPECT_FALSE(file_exists(dir.file("pipe.vdx2")));
-}
-
 TEST(Run, FrameFileOfStandardInputIsDashVdf) {
-  TempDir dir;
+  ScratchDir dir;
   RunResult result = run_vdxindex({"-Ix", "-"}, dir.path, timed_stream());
   EXPECT_EQ(result.status, 0);
   EXPECT_NE(result.err.find("Indexing pipe into -.vdx2 with external frame file -.vdf\n"),
@@ -312,7 +332,7 @@ TEST(Run, FrameFileOfStandardInputIsDashVdf) {
 }
 
 TEST(Run, VdxOfStandardInputIsSizedByAFileCalledPipe) {
-  TempDir dir;
+  ScratchDir dir;
   RunResult result = run_vdxindex({"-f", "vdx", "-"}, dir.path, timed_stream());
   EXPECT_EQ(result.status, 0);
   std::string index = read_file(dir.file("-.vdx"));
@@ -328,7 +348,7 @@ TEST(Run, VdxOfStandardInputIsSizedByAFileCalledPipe) {
 }
 
 TEST(Run, StandardOutputStaysEmptyWithoutDump) {
-  TempDir dir;
+  ScratchDir dir;
   RunResult result = run_vdxindex({source_path("samples/sample.ts"), "out.vdx2"}, dir.path);
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.out, "");

@@ -27,7 +27,7 @@ std::string vdx2_header() {
 }
 
 TEST(SyncEndings, UnopenedOffsetFileLeavesTheVdx2HeaderFlushed) {
-  TempDir dir;
+  ScratchDir dir;
   write_file(dir.file("in.ts"), make_packets(0x100, 1100, pcr_every_100));
   RunResult result = run_vdxindex({"-O", "missing.ts", "in.ts"}, dir.path);
   EXPECT_EQ(result.status, 7);
@@ -40,7 +40,7 @@ TEST(SyncEndings, UnopenedOffsetFileLeavesTheVdx2HeaderFlushed) {
 }
 
 TEST(SyncEndings, UnopenedSyncFileLeavesTheVdxPlaceholderAllZero) {
-  TempDir dir;
+  ScratchDir dir;
   write_file(dir.file("in.ts"), make_packets(0x100, 1100, pcr_every_100));
   RunResult result = run_vdxindex({"-f", "vdx", "-Is", "missing.ts", "in.ts"}, dir.path);
   EXPECT_EQ(result.status, 7);
@@ -53,7 +53,7 @@ TEST(SyncEndings, UnopenedSyncFileLeavesTheVdxPlaceholderAllZero) {
 // packet 1044 (196272 to 196459) lies in the third chunk, packet 1045 (196460 to 196647) ends
 // in the fourth, the last.
 TEST(SyncEndings, FailureBeforeTheLastChunkSkipsTheEndOfTheRun) {
-  TempDir dir;
+  ScratchDir dir;
   write_file(dir.file("in.ts"), make_packets(0x100, 1046));
   write_file(dir.file("short.ts"), make_packets(0x100, 1044));
   RunResult result = run_vdxindex({"-O", "short.ts", "in.ts"}, dir.path);
@@ -67,7 +67,7 @@ TEST(SyncEndings, FailureBeforeTheLastChunkSkipsTheEndOfTheRun) {
 }
 
 TEST(SyncEndings, VdxFileOfAFailedSyncIsNotCompleted) {
-  TempDir dir;
+  ScratchDir dir;
   write_file(dir.file("in.ts"), make_packets(0x100, 1046));
   write_file(dir.file("short.ts"), make_packets(0x100, 1044));
   RunResult result = run_vdxindex({"-f", "vdx", "-O", "short.ts", "in.ts"}, dir.path);
@@ -77,7 +77,7 @@ TEST(SyncEndings, VdxFileOfAFailedSyncIsNotCompleted) {
 }
 
 TEST(SyncEndings, FailureInTheLastChunkIsForgiven) {
-  TempDir dir;
+  ScratchDir dir;
   write_file(dir.file("in.ts"), make_packets(0x100, 1046));
   write_file(dir.file("short.ts"), make_packets(0x100, 1045));
   RunResult result = run_vdxindex({"-O", "short.ts", "in.ts"}, dir.path);
@@ -92,7 +92,7 @@ TEST(SyncEndings, FailureInTheLastChunkIsForgiven) {
 }
 
 TEST(SyncEndings, FailureInTheLastChunkOfStandardInputIsForgiven) {
-  TempDir dir;
+  ScratchDir dir;
   write_file(dir.file("short.ts"), make_packets(0x100, 1045));
   RunResult result = run_vdxindex({"-O", "short.ts", "-"}, dir.path, make_packets(0x100, 1046));
   EXPECT_EQ(result.status, 0);
@@ -102,7 +102,7 @@ TEST(SyncEndings, FailureInTheLastChunkOfStandardInputIsForgiven) {
 TEST(SyncEndings, FailureInAFullSizedLastChunkOfStandardInputEndsWithStatusNine) {
   // 196608 bytes: the third read delivers a whole chunk and the stream doesn't report its end.
   std::string input = make_packets(0x100, 1046).substr(0, 196608);
-  TempDir dir;
+  ScratchDir dir;
   write_file(dir.file("short.ts"), make_packets(0x100, 1044));
   RunResult result = run_vdxindex({"-O", "short.ts", "-"}, dir.path, input);
   EXPECT_EQ(result.status, 9);
@@ -111,7 +111,7 @@ TEST(SyncEndings, FailureInAFullSizedLastChunkOfStandardInputEndsWithStatusNine)
 }
 
 TEST(SyncEndings, SeekIndexUpToAFailureReachesTheFile) {
-  TempDir dir;
+  ScratchDir dir;
   std::string input = make_packets(0x100, 1100, pcr_every_100);
   write_file(dir.file("in.ts"), input);
   // The offset file stops after packet 499: packet 500 fails in the second chunk.
@@ -125,7 +125,7 @@ TEST(SyncEndings, SeekIndexUpToAFailureReachesTheFile) {
 }
 
 TEST(SyncEndings, FrameFileOfAFailedSyncHoldsEveryFrameWrittenBeforeTheFailure) {
-  TempDir dir;
+  ScratchDir dir;
   std::string full = read_file(source_path("tests/fixtures/mpeg2_bframes.ts"));
   // A packet of a PID that the offset file doesn't have, well inside the input and ahead of its
   // last chunk.

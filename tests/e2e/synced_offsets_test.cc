@@ -44,7 +44,7 @@ struct Indexed {
   VdxFile file;
 };
 
-Indexed index(const TempDir& dir, const std::string& input, const std::string& output,
+Indexed index(const ScratchDir& dir, const std::string& input, const std::string& output,
               const std::vector<std::string>& options = {}) {
   std::vector<std::string> args = {"-f", "vdx"};
   args.insert(args.end(), options.begin(), options.end());
@@ -60,7 +60,7 @@ Indexed index(const TempDir& dir, const std::string& input, const std::string& o
 TEST(SyncedOffsets, IdenticalCopyLeavesTheIndexUnchanged) {
   for (const char* fixture : {"mpeg2_bframes.ts", "h264_closed_gop.ts"}) {
     SCOPED_TRACE(fixture);
-    TempDir dir;
+    ScratchDir dir;
     std::string bytes = fixture_bytes(fixture);
     ASSERT_TRUE(write_file(dir.file("a.ts"), bytes));
     ASSERT_TRUE(write_file(dir.file("b.ts"), bytes));
@@ -84,7 +84,7 @@ TEST(SyncedOffsets, IdenticalCopyLeavesTheIndexUnchanged) {
 }
 
 TEST(SyncedOffsets, GarbageHeadAgainstTheCleanCopyGivesOffsetsOneHundredLess) {
-  TempDir dir;
+  ScratchDir dir;
   std::string clean = fixture_bytes("mpeg2_bframes.ts");
   ASSERT_TRUE(write_file(dir.file("clean.ts"), clean));
   ASSERT_TRUE(write_file(dir.file("head.ts"), std::string(100, '\0') + clean));
@@ -110,7 +110,7 @@ TEST(SyncedOffsets, GarbageHeadAgainstTheCleanCopyGivesOffsetsOneHundredLess) {
 TEST(SyncedOffsets, InputWithAPidRemovedGetsThePositionsInTheFullStream) {
   for (const char* fixture : {"mpeg2_bframes.ts", "h264_closed_gop.ts"}) {
     SCOPED_TRACE(fixture);
-    TempDir dir;
+    ScratchDir dir;
     std::string full = fixture_bytes(fixture);
     std::string filtered = without_pid(full, AUDIO_PID);
     ASSERT_LT(filtered.size(), full.size());
@@ -138,7 +138,7 @@ TEST(SyncedOffsets, InputWithAPidRemovedGetsThePositionsInTheFullStream) {
 }
 
 TEST(SyncedOffsets, OffsetFileLackingAPidEndsWithStatusNineAndAnUnfinishedIndex) {
-  TempDir dir;
+  ScratchDir dir;
   std::string full = fixture_bytes("mpeg2_bframes.ts");
   ASSERT_TRUE(write_file(dir.file("full.ts"), full));
   ASSERT_TRUE(write_file(dir.file("filtered.ts"), without_pid(full, AUDIO_PID)));
@@ -156,7 +156,7 @@ TEST(SyncedOffsets, OffsetFileLackingAPidEndsWithStatusNineAndAnUnfinishedIndex)
 }
 
 TEST(SyncedOffsets, StatusNineLeavesTheBlocksWrittenBeforeTheFailure) {
-  TempDir dir;
+  ScratchDir dir;
   std::string full = fixture_bytes("mpeg2_bframes.ts");
   // A packet of a PID the offset file doesn't have, well inside the input.
   size_t at = 2500 * 188;
@@ -182,7 +182,7 @@ TEST(SyncedOffsets, StatusNineLeavesTheBlocksWrittenBeforeTheFailure) {
 }
 
 TEST(SyncedOffsets, FailureInTheLastChunkOfTheInputEndsNormally) {
-  TempDir dir;
+  ScratchDir dir;
   std::string full = fixture_bytes("mpeg2_bframes.ts");
   // The extra packet lies in the last chunk of 65536 bytes, which is shorter than a whole one.
   std::string input = full + make_packet(0x1234, 0);
@@ -203,7 +203,7 @@ TEST(SyncedOffsets, FailureInTheLastChunkOfTheInputEndsNormally) {
 }
 
 TEST(SyncedOffsets, FailureInAWholeLastChunkEndsWithStatusNine) {
-  TempDir dir;
+  ScratchDir dir;
   std::string full = fixture_bytes("mpeg2_bframes.ts");
   // Input of exactly nine chunks, the extra packet in the ninth and zero bytes after it: the
   // read of the last chunk doesn't yet meet the end of the file.
@@ -222,7 +222,7 @@ TEST(SyncedOffsets, FailureInAWholeLastChunkEndsWithStatusNine) {
 }
 
 TEST(SyncedOffsets, OffsetFileThatCannotBeOpenedEndsWithStatusSeven) {
-  TempDir dir;
+  ScratchDir dir;
   std::string bytes = fixture_bytes("mpeg2_bframes.ts");  // 9 table entries: one page
   ASSERT_TRUE(write_file(dir.file("in.ts"), bytes));
   std::string missing = dir.file("missing.ts");

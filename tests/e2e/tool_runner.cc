@@ -235,20 +235,4 @@ std::vector<std::string> split_lines(const std::string& text) {
   return lines;
 }
 
-TempDir::TempDir() {
-  const char* base = std::getenv("TMPDIR");
-  std::string pattern = std::string(base && *base ? base : "/tmp") + "/vdx-test-XXXXXX";
-  if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-  path = pattern;
-}
-
-TempDir::~TempDir() {
-  std::error_code error;
-  std::filesystem::remove_all(path, error);
-}
-
-std::string TempDir::file(const std::string& name) const {
-  return path + "/" + name;
-}
-
 }  // namespace Veldrin::Testing

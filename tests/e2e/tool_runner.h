@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "support/scratch_dir.h"
+
 namespace Veldrin::Testing {
 
 // What a finished child process left behind.
@@ -46,21 +48,6 @@ bool file_exists(const std::string& path);
 
 // The text split into lines at each "\n"; a last line without one is kept as well.
 std::vector<std::string> split_lines(const std::string& text);
-
-// A fresh directory under the system's temporary directory, removed with all it holds at the end
-// of the object's life.
-class TempDir {
- public:
-  TempDir();
-  ~TempDir();
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
-
-  // The path of a name inside the directory.
-  std::string file(const std::string& name) const;
-
-  std::string path;
-};
 
 }  // namespace Veldrin::Testing
 

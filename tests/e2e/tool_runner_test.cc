@@ -40,7 +40,7 @@ TEST(ToolRunner, ChildThatIgnoresItsInputDoesNotStopTheRunner) {
 }
 
 TEST(ToolRunner, RunsInTheGivenDirectory) {
-  TempDir dir;
+  ScratchDir dir;
   RunRequest request = shell("pwd");
   request.working_dir = dir.path;
   RunResult result = run_program(request);
@@ -67,10 +67,10 @@ TEST(ToolRunner, TimeLimitKillsTheChild) {
   EXPECT_EQ(result.signal, 9);
 }
 
-TEST(TempDir, IsRemovedWithItsContent) {
+TEST(ScratchDir, IsRemovedWithItsContent) {
   std::string path;
   {
-    TempDir dir;
+    ScratchDir dir;
     path = dir.path;
     ASSERT_TRUE(write_file(dir.file("a"), "abc"));
     EXPECT_EQ(read_file(dir.file("a")), "abc");

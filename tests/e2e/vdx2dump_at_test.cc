@@ -62,7 +62,7 @@ class Vdx2DumpAt : public ::testing::Test {
     for (size_t k = 1; k < starts.size(); ++k) ASSERT_LT(starts[k - 1].npt, starts[k].npt);
   }
 
-  TempDir dir;
+  ScratchDir dir;
   std::string source;
   std::vector<Start> starts;
 };
@@ -134,7 +134,7 @@ TEST_F(Vdx2DumpAt, JqReadsTheOffset) {
 }
 
 TEST(Vdx2DumpAtFrames, ExternalFrameFileOffsetIsTheFramesFirstReference) {
-  TempDir dir;
+  ScratchDir dir;
   ASSERT_TRUE(index_fixture_in(dir, FIXTURE, {"-Ix"}));
   const Vdx2File file = parse_vdx2(read_file(dir.file(FIXTURE + ".vdx2")));
   const std::string frames = read_file(dir.file(FIXTURE + ".vdf"));
@@ -159,7 +159,7 @@ TEST(Vdx2DumpAtFrames, ExternalFrameFileOffsetIsTheFramesFirstReference) {
 }
 
 TEST(Vdx2DumpAtVdx, EntryPointsOfAVdxIndexAreItsBlocks) {
-  TempDir dir;
+  ScratchDir dir;
   ASSERT_TRUE(index_fixture_in(dir, FIXTURE, {"-f", "vdx"}));
   const VdxFile file = parse_vdx(read_file(dir.file(FIXTURE + ".vdx")));
   ASSERT_TRUE(file.valid);
@@ -175,7 +175,7 @@ TEST(Vdx2DumpAtVdx, EntryPointsOfAVdxIndexAreItsBlocks) {
 }
 
 TEST(Vdx2DumpAtTimes, IndexOfTimesOnlyHasNoEntryPoint) {
-  TempDir dir;
+  ScratchDir dir;
   ASSERT_TRUE(index_fixture_in(dir, FIXTURE, {"-S"}));
   ASSERT_TRUE(index_fixture_in(dir, FIXTURE, {"-S", "-f", "vdx"}));
   for (const std::string& index : {FIXTURE + ".vdx2", FIXTURE + ".vdx"}) {
@@ -192,7 +192,7 @@ TEST(Vdx2DumpAtTimes, IndexOfTimesOnlyHasNoEntryPoint) {
 }
 
 TEST(Vdx2DumpAtDamaged, CutIndexIsDamaged) {
-  TempDir dir;
+  ScratchDir dir;
   ASSERT_TRUE(index_fixture_in(dir, FIXTURE));
   const std::string bytes = read_file(dir.file(FIXTURE + ".vdx2"));
   ASSERT_TRUE(write_file(dir.file("cut.vdx2"), bytes.substr(0, 256 * 5 + 17)));
@@ -204,7 +204,7 @@ TEST(Vdx2DumpAtDamaged, CutIndexIsDamaged) {
 }
 
 TEST(Vdx2DumpAtDamaged, VdxBlockWithABadMagicIsDamaged) {
-  TempDir dir;
+  ScratchDir dir;
   ASSERT_TRUE(index_fixture_in(dir, FIXTURE, {"-f", "vdx"}));
   std::string bytes = read_file(dir.file(FIXTURE + ".vdx"));
   bytes[4096] = 'X';
@@ -216,7 +216,7 @@ TEST(Vdx2DumpAtDamaged, VdxBlockWithABadMagicIsDamaged) {
 }
 
 TEST(Vdx2DumpAtDamaged, GarbageIsNoIndex) {
-  TempDir dir;
+  ScratchDir dir;
   ASSERT_TRUE(write_file(dir.file("junk.vdx2"), std::string(1000, '\xA5')));
   RunResult result = run_vdx2dump({"--at", "1", "junk.vdx2"}, dir.path);
   EXPECT_EQ(result.status, 3);
@@ -224,7 +224,7 @@ TEST(Vdx2DumpAtDamaged, GarbageIsNoIndex) {
 }
 
 TEST(Vdx2DumpAtDamaged, HugeBlockSizeEndsAsACutFile) {
-  TempDir dir;
+  ScratchDir dir;
   ASSERT_TRUE(index_fixture_in(dir, FIXTURE));
   std::string bytes = read_file(dir.file(FIXTURE + ".vdx2"));
   bytes[12] = '\x7F';  // block size of about two thousand million bytes

@@ -41,7 +41,7 @@ void expect_problems(const RunResult& result, const std::string& index, const st
 }
 
 TEST(Vdx2DumpCheck, Vdx2IndexOfItsRecordingIsClean) {
-  TempDir dir;
+  ScratchDir dir;
   ASSERT_TRUE(index_fixture_in(dir, FIXTURE));
   const Vdx2File file = parse_vdx2(read_file(dir.file(FIXTURE + ".vdx2")));
   ASSERT_TRUE(file.valid);
@@ -54,7 +54,7 @@ TEST(Vdx2DumpCheck, Vdx2IndexOfItsRecordingIsClean) {
 }
 
 TEST(Vdx2DumpCheck, EveryFixtureIndexedEachWayIsClean) {
-  TempDir dir;
+  ScratchDir dir;
   const std::vector<std::vector<std::string>> ways{
       {}, {"-n"}, {"-S"}, {"-Ib", "512"}, {"-f", "vdx"}};
   for (const std::string& fixture : {std::string("h264_aud.ts"), std::string("h264_no_aud.ts"),
@@ -71,7 +71,7 @@ TEST(Vdx2DumpCheck, EveryFixtureIndexedEachWayIsClean) {
 }
 
 TEST(Vdx2DumpCheck, VdxIndexOfItsRecordingIsClean) {
-  TempDir dir;
+  ScratchDir dir;
   ASSERT_TRUE(index_fixture_in(dir, FIXTURE, {"-f", "vdx"}));
   const VdxFile file = parse_vdx(read_file(dir.file(FIXTURE + ".vdx")));
   ASSERT_TRUE(file.valid);
@@ -84,7 +84,7 @@ TEST(Vdx2DumpCheck, VdxIndexOfItsRecordingIsClean) {
 }
 
 TEST(Vdx2DumpCheck, IndexWithExternalFramesIsCheckedAgainstItsFrameFile) {
-  TempDir dir;
+  ScratchDir dir;
   ASSERT_TRUE(index_fixture_in(dir, FIXTURE, {"-Ix"}));
   const Vdx2File file = parse_vdx2(read_file(dir.file(FIXTURE + ".vdx2")));
   RunResult result = run_vdx2dump({"--check", FIXTURE + ".vdf", FIXTURE + ".vdx2"}, dir.path);
@@ -97,7 +97,7 @@ TEST(Vdx2DumpCheck, IndexWithExternalFramesIsCheckedAgainstItsFrameFile) {
 }
 
 TEST(Vdx2DumpCheck, Vdx2IndexOfAnotherRecordingIsCaught) {
-  TempDir dir;
+  ScratchDir dir;
   ASSERT_TRUE(index_fixture_in(dir, FIXTURE));
   ASSERT_TRUE(write_file(dir.file(OTHER), read_file(source_path("tests/fixtures/" + OTHER))));
   const Vdx2File file = parse_vdx2(read_file(dir.file(FIXTURE + ".vdx2")));
@@ -110,7 +110,7 @@ TEST(Vdx2DumpCheck, Vdx2IndexOfAnotherRecordingIsCaught) {
 }
 
 TEST(Vdx2DumpCheck, VdxIndexOfAnotherRecordingIsCaught) {
-  TempDir dir;
+  ScratchDir dir;
   ASSERT_TRUE(index_fixture_in(dir, FIXTURE, {"-f", "vdx"}));
   ASSERT_TRUE(write_file(dir.file(OTHER), read_file(source_path("tests/fixtures/" + OTHER))));
   const VdxFile file = parse_vdx(read_file(dir.file(FIXTURE + ".vdx")));
@@ -122,7 +122,7 @@ TEST(Vdx2DumpCheck, VdxIndexOfAnotherRecordingIsCaught) {
 }
 
 TEST(Vdx2DumpCheck, IndexOfARecordingCutAfterIndexingIsCaught) {
-  TempDir dir;
+  ScratchDir dir;
   ASSERT_TRUE(index_fixture_in(dir, FIXTURE));
   ASSERT_TRUE(index_fixture_in(dir, FIXTURE, {"-f", "vdx"}));
   const std::string source = read_file(dir.file(FIXTURE));
@@ -145,7 +145,7 @@ TEST(Vdx2DumpCheck, IndexOfARecordingCutAfterIndexingIsCaught) {
 }
 
 TEST(Vdx2DumpCheck, RecordingAlignedAfterLeadingBytesIsCheckedWhereItsPacketsStand) {
-  TempDir dir;
+  ScratchDir dir;
   const std::string source = read_file(source_path("tests/fixtures/" + FIXTURE));
   // The indexer aligns to the first packet at 100: every offset is 100 on.
   ASSERT_TRUE(write_file(dir.file("late.ts"), std::string(100, '\0') + source));
@@ -165,7 +165,7 @@ TEST(Vdx2DumpCheck, RecordingAlignedAfterLeadingBytesIsCheckedWhereItsPacketsSta
 }
 
 TEST(Vdx2DumpCheck, MissingSourceCannotBeOpened) {
-  TempDir dir;
+  ScratchDir dir;
   ASSERT_TRUE(index_fixture_in(dir, FIXTURE));
   RunResult result = run_vdx2dump({"--check", "gone.ts", FIXTURE + ".vdx2"}, dir.path);
   EXPECT_EQ(result.status, 2);
@@ -175,7 +175,7 @@ TEST(Vdx2DumpCheck, MissingSourceCannotBeOpened) {
 }
 
 TEST(Vdx2DumpCheck, CutIndexIsDamaged) {
-  TempDir dir;
+  ScratchDir dir;
   ASSERT_TRUE(index_fixture_in(dir, FIXTURE));
   const std::string bytes = read_file(dir.file(FIXTURE + ".vdx2"));
   ASSERT_TRUE(write_file(dir.file("cut.vdx2"), bytes.substr(0, bytes.size() - 100)));
@@ -187,7 +187,7 @@ TEST(Vdx2DumpCheck, CutIndexIsDamaged) {
 }
 
 TEST(Vdx2DumpCheck, DamagedVdxHeaderIsDamaged) {
-  TempDir dir;
+  ScratchDir dir;
   ASSERT_TRUE(index_fixture_in(dir, FIXTURE, {"-f", "vdx"}));
   std::string bytes = read_file(dir.file(FIXTURE + ".vdx"));
   bytes[20] = '\x7F';  // more table entries than the header holds
@@ -200,7 +200,7 @@ TEST(Vdx2DumpCheck, DamagedVdxHeaderIsDamaged) {
 }
 
 TEST(Vdx2DumpCheck, DamagedFieldsOfAReadableVdx2AreProblems) {
-  TempDir dir;
+  ScratchDir dir;
   ASSERT_TRUE(index_fixture_in(dir, FIXTURE));
   std::string bytes = read_file(dir.file(FIXTURE + ".vdx2"));
   const Vdx2File file = parse_vdx2(bytes);
@@ -216,7 +216,7 @@ TEST(Vdx2DumpCheck, DamagedFieldsOfAReadableVdx2AreProblems) {
 }
 
 TEST(Vdx2DumpCheck, GarbageIsNoIndex) {
-  TempDir dir;
+  ScratchDir dir;
   ASSERT_TRUE(index_fixture_in(dir, FIXTURE));
   RunResult result = run_vdx2dump({"--check", FIXTURE, FIXTURE}, dir.path);
   EXPECT_EQ(result.status, 3);

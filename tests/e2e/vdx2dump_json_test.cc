@@ -48,7 +48,7 @@ std::vector<uint32_t> numbers_of(const JsonValue& array) {
 }
 
 TEST(Vdx2DumpJson, Vdx2DocumentHoldsEveryFieldOfEveryBlock) {
-  TempDir dir;
+  ScratchDir dir;
   ASSERT_TRUE(index_fixture_in(dir, FIXTURE));
   const Vdx2File file = parse_vdx2(read_file(dir.file(FIXTURE + ".vdx2")));
   ASSERT_TRUE(file.valid);
@@ -95,7 +95,7 @@ TEST(Vdx2DumpJson, Vdx2DocumentHoldsEveryFieldOfEveryBlock) {
 }
 
 TEST(Vdx2DumpJson, InlineOptionAddsTheDataInHex) {
-  TempDir dir;
+  ScratchDir dir;
   ASSERT_TRUE(index_fixture_in(dir, FIXTURE));
   const Vdx2File file = parse_vdx2(read_file(dir.file(FIXTURE + ".vdx2")));
   RunResult result = run_vdx2dump({FIXTURE + ".vdx2", "-x", "-j"}, dir.path);
@@ -107,7 +107,7 @@ TEST(Vdx2DumpJson, InlineOptionAddsTheDataInHex) {
 }
 
 TEST(Vdx2DumpJson, ExternalFramesShowInTheHeader) {
-  TempDir dir;
+  ScratchDir dir;
   ASSERT_TRUE(index_fixture_in(dir, FIXTURE, {"-Ix"}));
   RunResult result = run_vdx2dump({"-j", FIXTURE + ".vdx2"}, dir.path);
   ASSERT_EQ(result.status, 0);
@@ -117,7 +117,7 @@ TEST(Vdx2DumpJson, ExternalFramesShowInTheHeader) {
 }
 
 TEST(Vdx2DumpJson, VdxDocumentHoldsHeaderTableLinksAndBlocks) {
-  TempDir dir;
+  ScratchDir dir;
   ASSERT_TRUE(index_fixture_in(dir, FIXTURE, {"-f", "vdx", "-In", "3"}));
   const VdxFile file = parse_vdx(read_file(dir.file(FIXTURE + ".vdx")));
   ASSERT_TRUE(file.valid);
@@ -164,7 +164,7 @@ TEST(Vdx2DumpJson, VdxDocumentHoldsHeaderTableLinksAndBlocks) {
 TEST(Vdx2DumpJson, PythonAndJqAcceptBothFormats) {
   VDX_REQUIRE_PROGRAM("python3");
   VDX_REQUIRE_PROGRAM("jq");
-  TempDir dir;
+  ScratchDir dir;
   ASSERT_TRUE(index_fixture_in(dir, FIXTURE));
   ASSERT_TRUE(index_fixture_in(dir, FIXTURE, {"-f", "vdx"}));
   const Vdx2File vdx2 = parse_vdx2(read_file(dir.file(FIXTURE + ".vdx2")));
@@ -183,7 +183,7 @@ TEST(Vdx2DumpJson, PythonAndJqAcceptBothFormats) {
 }
 
 TEST(Vdx2DumpJson, CutIndexGivesAWholeDocumentEndingInTheErrorAndStatusThree) {
-  TempDir dir;
+  ScratchDir dir;
   ASSERT_TRUE(index_fixture_in(dir, FIXTURE));
   const std::string bytes = read_file(dir.file(FIXTURE + ".vdx2"));
   ASSERT_TRUE(write_file(dir.file("cut.vdx2"), bytes.substr(0, 256 * 3 + 100)));
@@ -197,7 +197,7 @@ TEST(Vdx2DumpJson, CutIndexGivesAWholeDocumentEndingInTheErrorAndStatusThree) {
 }
 
 TEST(Vdx2DumpJson, OverlongBlockEndsTheDocumentWithItsError) {
-  TempDir dir;
+  ScratchDir dir;
   ASSERT_TRUE(index_fixture_in(dir, FIXTURE));
   std::string bytes = read_file(dir.file(FIXTURE + ".vdx2"));
   bytes[256 + 256 + 35] = static_cast<char>(0xDD);  // the second block's data length: 221
@@ -212,7 +212,7 @@ TEST(Vdx2DumpJson, OverlongBlockEndsTheDocumentWithItsError) {
 }
 
 TEST(Vdx2DumpJson, VdxWithATableLargerThanItsHeaderWritesNothing) {
-  TempDir dir;
+  ScratchDir dir;
   ASSERT_TRUE(index_fixture_in(dir, FIXTURE, {"-f", "vdx"}));
   std::string bytes = read_file(dir.file(FIXTURE + ".vdx"));
   bytes[20] = '\x7F';  // a table of about two thousand million entries
@@ -225,7 +225,7 @@ TEST(Vdx2DumpJson, VdxWithATableLargerThanItsHeaderWritesNothing) {
 }
 
 TEST(Vdx2DumpJson, FileThatIsNoIndexWritesNothing) {
-  TempDir dir;
+  ScratchDir dir;
   ASSERT_TRUE(index_fixture_in(dir, FIXTURE));
   RunResult result = run_vdx2dump({"-j", FIXTURE}, dir.path);
   EXPECT_EQ(result.status, 3);

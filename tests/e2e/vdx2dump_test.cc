@@ -13,7 +13,7 @@ namespace {
 const std::string FIXTURE = "mpeg2_bframes.ts";
 
 // A directory with the fixture and its VDX2 index made with the given options.
-void index_fixture(const TempDir& dir, const std::vector<std::string>& options = {}) {
+void index_fixture(const ScratchDir& dir, const std::vector<std::string>& options = {}) {
   ASSERT_TRUE(write_file(dir.file(FIXTURE), read_file(source_path("tests/fixtures/" + FIXTURE))));
   std::vector<std::string> args = options;
   args.push_back(FIXTURE);
@@ -61,7 +61,7 @@ TEST(Vdx2Dump, ReplayWithoutItsSourceIsABadCommandLine) {
 }
 
 TEST(Vdx2Dump, DumpShowsTheHeaderAndEveryBlock) {
-  TempDir dir;
+  ScratchDir dir;
   index_fixture(dir);
   const Vdx2File file = parse_vdx2(read_file(dir.file(FIXTURE + ".vdx2")));
   ASSERT_TRUE(file.valid);
@@ -85,7 +85,7 @@ TEST(Vdx2Dump, DumpShowsTheHeaderAndEveryBlock) {
 }
 
 TEST(Vdx2Dump, InlineOptionAddsTheDataOfEachBlockInHex) {
-  TempDir dir;
+  ScratchDir dir;
   index_fixture(dir);
   const Vdx2File file = parse_vdx2(read_file(dir.file(FIXTURE + ".vdx2")));
   size_t with_data = 0;
@@ -105,7 +105,7 @@ TEST(Vdx2Dump, InlineOptionAddsTheDataOfEachBlockInHex) {
 }
 
 TEST(Vdx2Dump, FileThatIsNeitherFormatIsRefused) {
-  TempDir dir;
+  ScratchDir dir;
   index_fixture(dir);
   RunResult result = run_vdx2dump({FIXTURE}, dir.path);
   EXPECT_EQ(result.status, 3);
@@ -114,7 +114,7 @@ TEST(Vdx2Dump, FileThatIsNeitherFormatIsRefused) {
 }
 
 TEST(Vdx2Dump, FileShorterThanAMagicIsRefused) {
-  TempDir dir;
+  ScratchDir dir;
   ASSERT_TRUE(write_file(dir.file("short.vdx2"), "VDX"));
   RunResult result = run_vdx2dump({"short.vdx2"}, dir.path);
   EXPECT_EQ(result.status, 3);
@@ -122,7 +122,7 @@ TEST(Vdx2Dump, FileShorterThanAMagicIsRefused) {
 }
 
 TEST(Vdx2Dump, UnfinishedVdxFileWithItsZeroHeaderIsRefused) {
-  TempDir dir;
+  ScratchDir dir;
   ASSERT_TRUE(write_file(dir.file("open.vdx"), std::string(8192, '\0')));
   RunResult result = run_vdx2dump({"open.vdx"}, dir.path);
   EXPECT_EQ(result.status, 3);
@@ -130,14 +130,14 @@ TEST(Vdx2Dump, UnfinishedVdxFileWithItsZeroHeaderIsRefused) {
 }
 
 TEST(Vdx2Dump, MissingIndexFileCannotBeOpened) {
-  TempDir dir;
+  ScratchDir dir;
   RunResult result = run_vdx2dump({"missing.vdx2"}, dir.path);
   EXPECT_EQ(result.status, 2);
   EXPECT_EQ(result.err.rfind(program() + ": can't open missing.vdx2: ", 0), 0u) << result.err;
 }
 
 TEST(Vdx2Dump, CutIndexShowsItsWholeBlocksAndThenFails) {
-  TempDir dir;
+  ScratchDir dir;
   index_fixture(dir);
   const std::string bytes = read_file(dir.file(FIXTURE + ".vdx2"));
   ASSERT_GT(bytes.size(), 1024u);
@@ -151,7 +151,7 @@ TEST(Vdx2Dump, CutIndexShowsItsWholeBlocksAndThenFails) {
 }
 
 TEST(Vdx2Dump, IndexWithAnOverlongBlockIsDamaged) {
-  TempDir dir;
+  ScratchDir dir;
   index_fixture(dir);
   std::string bytes = read_file(dir.file(FIXTURE + ".vdx2"));
   bytes[256 + 35] = static_cast<char>(0xDD);  // the first block's data length: 221
@@ -162,7 +162,7 @@ TEST(Vdx2Dump, IndexWithAnOverlongBlockIsDamaged) {
 }
 
 TEST(Vdx2Dump, ReplayWithAMissingSourceCannotOpenIt) {
-  TempDir dir;
+  ScratchDir dir;
   index_fixture(dir);
   RunResult result = run_vdx2dump({"-r", "gone.ts", FIXTURE + ".vdx2"}, dir.path);
   EXPECT_EQ(result.status, 2);
@@ -171,7 +171,7 @@ TEST(Vdx2Dump, ReplayWithAMissingSourceCannotOpenIt) {
 }
 
 TEST(Vdx2Dump, ReplayFromASourceThatIsTooShortFails) {
-  TempDir dir;
+  ScratchDir dir;
   index_fixture(dir);
   const std::string source = read_file(dir.file(FIXTURE));
   ASSERT_TRUE(write_file(dir.file("half.ts"), source.substr(0, source.size() / 2)));
@@ -182,7 +182,7 @@ TEST(Vdx2Dump, ReplayFromASourceThatIsTooShortFails) {
 }
 
 TEST(Vdx2Dump, ReplayOfAVdx2IndexIsInlineDataFollowedByReferencedBytes) {
-  TempDir dir;
+  ScratchDir dir;
   index_fixture(dir);
   const std::string source = read_file(dir.file(FIXTURE));
   const Vdx2File file = parse_vdx2(read_file(dir.file(FIXTURE + ".vdx2")));
@@ -199,7 +199,7 @@ TEST(Vdx2Dump, ReplayOfAVdx2IndexIsInlineDataFollowedByReferencedBytes) {
 }
 
 TEST(Vdx2Dump, VdxIndexDumpShowsHeaderTableAndBlocks) {
-  TempDir dir;
+  ScratchDir dir;
   index_fixture(dir, {"-f", "vdx"});
   const std::string index = read_file(dir.file(FIXTURE + ".vdx"));
   ASSERT_GE(index.size(), 24u);
@@ -223,7 +223,7 @@ TEST(Vdx2Dump, VdxIndexDumpShowsHeaderTableAndBlocks) {
 }
 
 TEST(Vdx2Dump, VdxIndexReplaysExactlyTheFramesOfTheDump) {
-  TempDir dir;
+  ScratchDir dir;
   index_fixture(dir, {"-f", "vdx"});
   RunResult dumped = run_vdxindex({"-d", FIXTURE, "dump.vdx2"}, dir.path);
   ASSERT_EQ(dumped.status, 0);
@@ -236,7 +236,7 @@ TEST(Vdx2Dump, VdxIndexReplaysExactlyTheFramesOfTheDump) {
 }
 
 TEST(Vdx2Dump, CutVdxIndexFails) {
-  TempDir dir;
+  ScratchDir dir;
   index_fixture(dir, {"-f", "vdx"});
   const std::string index = read_file(dir.file(FIXTURE + ".vdx"));
   ASSERT_GT(index.size(), 4096u + 5000u);

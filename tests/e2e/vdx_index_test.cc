@@ -62,7 +62,7 @@ struct Dumped {
   VdxFile file;
 };
 
-Dumped run_dump(const TempDir& dir, const std::string& fixture,
+Dumped run_dump(const ScratchDir& dir, const std::string& fixture,
                 const std::vector<std::string>& options) {
   std::string input = dir.file(fixture);
   write_file(input, fixture_bytes(fixture));
@@ -76,7 +76,7 @@ Dumped run_dump(const TempDir& dir, const std::string& fixture,
 }
 
 TEST(VdxIndex, FormatVdxWritesAFinishedFileUnderTheDefaultName) {
-  TempDir dir;
+  ScratchDir dir;
   std::string input = dir.file("in.ts");
   std::string bytes = fixture_bytes("mpeg2_bframes.ts");
   ASSERT_TRUE(write_file(input, bytes));
@@ -96,7 +96,7 @@ TEST(VdxIndex, FormatVdxWritesAFinishedFileUnderTheDefaultName) {
 }
 
 TEST(VdxIndex, VerboseRunShowsThePlaceholderAndTheCompletion) {
-  TempDir dir;
+  ScratchDir dir;
   std::string input = dir.file("in.ts");
   ASSERT_TRUE(write_file(input, fixture_bytes("mpeg2_bframes.ts")));  // 601036 bytes
   RunResult result = run_vdxindex({"-v", "-f", "vdx", input}, dir.path);
@@ -120,7 +120,7 @@ TEST(VdxIndex, BlocksHoldTheDumpedFramesInOrderWithLinksToTheirNeighbours) {
   for (const char* fixture : {"mpeg2_bframes.ts", "mpeg2_short_gop.ts", "h264_closed_gop.ts",
                               "h264_open_gop.ts", "h264_multi_slice.ts"}) {
     SCOPED_TRACE(fixture);
-    TempDir dir;
+    ScratchDir dir;
     Dumped dumped = run_dump(dir, fixture, {});
     ASSERT_EQ(dumped.result.status, 0) << dumped.result.err;
     ASSERT_TRUE(dumped.file.valid);
@@ -144,7 +144,7 @@ TEST(VdxIndex, TableEntriesReferToTheLastBlockAtOrBeforeTheirPosition) {
   for (const char* fixture : {"mpeg2_bframes.ts", "mpeg2_short_gop.ts", "h264_closed_gop.ts"}) {
     for (const char* precision : {"65536", "10000"}) {
       SCOPED_TRACE(std::string(fixture) + " -Ip " + precision);
-      TempDir dir;
+      ScratchDir dir;
       Dumped dumped = run_dump(dir, fixture, {"-Ip", precision});
       ASSERT_EQ(dumped.result.status, 0) << dumped.result.err;
       ASSERT_TRUE(dumped.file.valid);
@@ -157,7 +157,7 @@ TEST(VdxIndex, TableEntriesReferToTheLastBlockAtOrBeforeTheirPosition) {
 TEST(VdxIndex, LinksOptionSetsTheNumberOfLinksEachWay) {
   for (size_t links : {0u, 1u, 3u}) {
     SCOPED_TRACE("-In " + std::to_string(links));
-    TempDir dir;
+    ScratchDir dir;
     Dumped dumped = run_dump(dir, "mpeg2_short_gop.ts", {"-In", std::to_string(links)});
     ASSERT_EQ(dumped.result.status, 0) << dumped.result.err;
     ASSERT_TRUE(dumped.file.valid);
@@ -167,7 +167,7 @@ TEST(VdxIndex, LinksOptionSetsTheNumberOfLinksEachWay) {
 }
 
 TEST(VdxIndex, PrecisionOptionSetsTheStepAndTheNumberOfEntries) {
-  TempDir dir;
+  ScratchDir dir;
   std::string input = dir.file("in.ts");
   std::string bytes = fixture_bytes("mpeg2_short_gop.ts");  // 601412 bytes
   ASSERT_TRUE(write_file(input, bytes));
@@ -183,7 +183,7 @@ TEST(VdxIndex, PrecisionOptionSetsTheStepAndTheNumberOfEntries) {
 }
 
 TEST(VdxIndex, StandardInputTakesTheLengthOfAFileNamedPipe) {
-  TempDir dir;
+  ScratchDir dir;
   std::string bytes = fixture_bytes("mpeg2_bframes.ts");
   RunResult result = run_vdxindex({"-f", "vdx", "-"}, dir.path, bytes);
   ASSERT_EQ(result.status, 0) << result.err;
@@ -203,7 +203,7 @@ TEST(VdxIndex, StandardInputTakesTheLengthOfAFileNamedPipe) {
 }
 
 TEST(VdxIndex, StandardInputGivesTheSameBlocksAsTheFile) {
-  TempDir dir;
+  ScratchDir dir;
   std::string bytes = fixture_bytes("h264_closed_gop.ts");
   std::string input = dir.file("in.ts");
   ASSERT_TRUE(write_file(input, bytes));
@@ -221,7 +221,7 @@ TEST(VdxIndex, StandardInputGivesTheSameBlocksAsTheFile) {
 }
 
 TEST(VdxIndex, UnwritableOutputIsReportedByTheIndexFileAndTheTool) {
-  TempDir dir;
+  ScratchDir dir;
   std::string input = dir.file("in.ts");
   ASSERT_TRUE(write_file(input, fixture_bytes("mpeg2_bframes.ts")));
   std::string output = dir.file("missing/out.vdx");

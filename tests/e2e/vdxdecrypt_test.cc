@@ -58,7 +58,7 @@ Korvix::Crypto::Certificate certificate(const std::string& name) {
 }
 
 // The files of a directory, by name.
-std::set<std::string> files_in(const TempDir& dir) {
+std::set<std::string> files_in(const ScratchDir& dir) {
   std::set<std::string> names;
   for (const auto& entry : std::filesystem::directory_iterator(dir.path))
     names.insert(entry.path().filename().string());
@@ -85,7 +85,7 @@ EncryptedStream synthetic(bool with_audio = true) {
 
 // A directory holding the encrypted copy as in.ts and the private keys.
 struct Workspace {
-  TempDir dir;
+  ScratchDir dir;
   EncryptedStream stream = synthetic();
 
   Workspace() {
@@ -151,7 +151,7 @@ TEST(VdxDecrypt, BadCommandLinesAreSaid) {
       {{"-l", "-k", "a.key", "in.ts"}, "-l deciphers nothing and takes no -k, -n or -K"},
   };
   for (const auto& [args, message] : cases) {
-    TempDir dir;
+    ScratchDir dir;
     RunResult result = run_vdxdecrypt(args, dir.path);
     EXPECT_EQ(result.status, 1) << message;
     EXPECT_EQ(result.out, "");
@@ -202,7 +202,7 @@ TEST(VdxDecrypt, TheContentKeyInHexadecimal) {
 }
 
 TEST(VdxDecrypt, AShortContentKeyHasZerosBehindItsDigits) {
-  TempDir dir;
+  ScratchDir dir;
   EncryptedStream stream("0102", {});
   stream.add_enciphered({AUDIO, true, 0, 0, {}, pes_payload(184, 0xC0)});
   write_file(dir.file("in.ts"), stream.encrypted);
@@ -251,7 +251,7 @@ TEST(VdxDecrypt, TheInputMayBeTheOutput) {
 }
 
 TEST(VdxDecrypt, AContentKeyThatCantBeCheckedIsWarnedAbout) {
-  TempDir dir;
+  ScratchDir dir;
   EncryptedStream stream = synthetic(false);
   write_file(dir.file("in.ts"), stream.encrypted);
   RunResult result = run_vdxdecrypt({"-K", KEY_HEX, "in.ts", "out.ts"}, dir.path);
@@ -289,7 +289,7 @@ TEST(VdxDecrypt, ListFromStandardInput) {
 }
 
 TEST(VdxDecrypt, ListOfAKeyListWithoutRecipients) {
-  TempDir dir;
+  ScratchDir dir;
   EncryptedStream stream(KEY_HEX);
   stream.pat(1, PMT_PID);
   stream.pmt(1, PMT_PID, {{0x1B, VIDEO}}, 8189);
@@ -572,7 +572,7 @@ TEST_P(VdxDecryptReal, AnEncipheredFixtureComesBackWholeAndDecodes) {
   VDX_REQUIRE_FFMPEG();
   RealStream real = encipher_fixture(GetParam());
   ASSERT_GT(real.enciphered, 100u);
-  TempDir dir;
+  ScratchDir dir;
   write_file(dir.file("in.ts"), real.encrypted);
   write_file(dir.file("two.key"), material().text("rsa2048.key"));
   RunResult result = run_vdxdecrypt({"-k", "two.key", "in.ts", "out.ts"}, dir.path);

@@ -17,7 +17,7 @@ using Korvix::Crypto::AESKey;
 using Korvix::Crypto::Certificate;
 using Korvix::Crypto::RSAKey;
 using Veldrin::Testing::KeyMaterial;
-using Veldrin::Testing::TempDir;
+using Veldrin::Testing::ScratchDir;
 
 const KeyMaterial& material() {
   return KeyMaterial::get();
@@ -152,7 +152,7 @@ TEST(KeyList, TheWrappedKeyGivesTheContentKeyToOpensslWithTheCertificatesPrivate
   const size_t wrapped_at = FIRST_RECIPIENT + 8 + (8 + 12) + 11 + 9;
   ASSERT_EQ(list.size(), wrapped_at + 256 + 4);
   EXPECT_EQ(slice(list, wrapped_at - 9, 8), Bytes({0x00, 0x00, 0x01, 0x09, 'E', 'K', 'E', 'Y'}));
-  TempDir dir;
+  ScratchDir dir;
   const Bytes wrapped = slice(list, wrapped_at, 256);
   ASSERT_TRUE(Veldrin::Testing::write_file(dir.file("wrapped.bin"),
                                            std::string(wrapped.begin(), wrapped.end())));

@@ -12,6 +12,7 @@
 
 #include "support/bytes.h"
 #include "support/log_capture.h"
+#include "support/scratch_dir.h"
 
 namespace Veldrin::Index {
 namespace {
@@ -21,8 +22,10 @@ using Testing::be64;
 using Testing::LogCapture;
 using Testing::read_all;
 
+// The files the tests write, in one directory removed when the tests end.
 std::string output_path(const std::string& name) {
-  return std::string(VDX_BINARY_DIR) + "/index_file_test_" + name + ".vdx";
+  static const Testing::ScratchDir dir;
+  return dir.file(name + ".vdx");
 }
 
 TEST(IndexFile, NptIsMillisecondsTruncated) {

@@ -11,6 +11,7 @@
 
 #include "support/bytes.h"
 #include "support/log_capture.h"
+#include "support/scratch_dir.h"
 
 namespace Veldrin::Index {
 namespace {
@@ -24,8 +25,10 @@ using IndexGen::CapturedPacket;
 using IndexGen::PACKET_FRAME;
 using IndexGen::PACKET_SKIPPED;
 
+// The files the tests write, in one directory removed when the tests end.
 std::string output_path(const std::string& name) {
-  return std::string(VDX_BINARY_DIR) + "/index_writer_test_" + name + ".vdx";
+  static const Testing::ScratchDir dir;
+  return dir.file(name + ".vdx");
 }
 
 void put(std::string& s, size_t at, std::initializer_list<int> bytes) {

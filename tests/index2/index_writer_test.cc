@@ -1,7 +1,6 @@
 #include "index2/index_writer.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -12,6 +11,7 @@
 #include "foundation/channel/block_reader.h"
 #include "foundation/channel/error.h"
 #include "index2/block.h"
+#include "support/scratch_dir.h"
 #include "worked_layout.h"
 
 namespace {
@@ -28,20 +28,7 @@ using Veldrin::Index2::IndexWriter;
 using Veldrin::IndexGen::CapturedPacket;
 using Veldrin::IndexGen::PACKET_FRAME;
 using Veldrin::IndexGen::PACKET_SKIPPED;
-
-class TempDir {
- public:
-  TempDir() {
-    const auto* info = testing::UnitTest::GetInstance()->current_test_info();
-    path = std::filesystem::temp_directory_path() /
-           ("vdx2-writer-" + std::to_string(getpid()) + "-" + info->name());
-    std::filesystem::remove_all(path);
-    std::filesystem::create_directories(path);
-  }
-  ~TempDir() { std::filesystem::remove_all(path); }
-  std::string file(const std::string& name) const { return (path / name).string(); }
-  std::filesystem::path path;
-};
+using Veldrin::Testing::ScratchDir;
 
 std::string read_file(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
@@ -111,7 +98,7 @@ void expect_error(F&& f, int32_t code, const std::string& text) {
 }
 
 TEST(IndexWriter, WorkedLayoutIsWrittenByteForByte) {
-  TempDir dir;
+  ScratchDir dir;
   const std::string path = dir.file("worked.vdx2");
   {
     IndexWriter writer(0, 256);
@@ -141,7 +128,7 @@ TEST(IndexWriter, WorkedLayoutIsWrittenByteForByte) {
 }
 
 TEST(IndexWriter, TablesOf376BytesGiveBlocksOf220And156AndOnlyTheFirstIsIntra) {
-  TempDir dir;
+  ScratchDir dir;
   IndexWriter writer(0, 256);
   ASSERT_TRUE(writer.open(dir.file("t.vdx2"), false, ""));
   const std::string tables = packet_of(0x11) + packet_of(0x22);
@@ -170,7 +157,7 @@ TEST(IndexWriter, TablesOf376BytesGiveBlocksOf220And156AndOnlyTheFirstIsIntra) {
 }
 
 TEST(IndexWriter, ModifiedFirstPacketAndThreeUnchangedGiveOneInlineBlockAndA564ByteReference) {
-  TempDir dir;
+  ScratchDir dir;
   IndexWriter writer(0, 256);
   ASSERT_TRUE(writer.open(dir.file("r.vdx2"), false, ""));
   CapturedPacket first = frame_record(18800, 2.0, true, 3);
@@ -196,7 +183,7 @@ TEST(IndexWriter, ModifiedFirstPacketAndThreeUnchangedGiveOneInlineBlockAndA564B
 }
 
 TEST(IndexWriter, PreambleOfThreePacketsAndFrameCounterOneGetCounters14And15And0) {
-  TempDir dir;
+  ScratchDir dir;
   IndexWriter writer(0, 1024);
   ASSERT_TRUE(writer.open(dir.file("p.vdx2"), false, ""));
   writer.set_frame_preamble(packet_of(0xA1, 3) + packet_of(0xA2, 3) + packet_of(0xA3, 3));
@@ -221,7 +208,7 @@ TEST(IndexWriter, PreambleOfThreePacketsAndFrameCounterOneGetCounters14And15And0
 }
 
 TEST(IndexWriter, PreambleIsRenumberedAgainForEachFrame) {
-  TempDir dir;
+  ScratchDir dir;
   IndexWriter writer(0, 1024);
   ASSERT_TRUE(writer.open(dir.file("p.vdx2"), false, ""));
   writer.set_frame_preamble(packet_of(0xA1) + packet_of(0xA2));
@@ -242,7 +229,7 @@ TEST(IndexWriter, PreambleIsRenumberedAgainForEachFrame) {
 }
 
 TEST(IndexWriter, NptZeroOnEveryRecordKeepsTheStartTimeAndSetsNoNewNptFlag) {
-  TempDir dir;
+  ScratchDir dir;
   IndexWriter writer(0, 256);
   ASSERT_TRUE(writer.open(dir.file("z.vdx2"), false, ""));
   writer.set_tables(packet_of(0x11));
@@ -268,7 +255,7 @@ TEST(IndexWriter, NptZeroOnEveryRecordKeepsTheStartTimeAndSetsNoNewNptFlag) {
 }
 
 TEST(IndexWriter, NptZeroTakesTheLastTime) {
-  TempDir dir;
+  ScratchDir dir;
   IndexWriter writer(0, 256);
   ASSERT_TRUE(writer.open(dir.file("z.vdx2"), false, ""));
   writer.add_pcr(100, 7.5);
@@ -282,7 +269,7 @@ TEST(IndexWriter, NptZeroTakesTheLastTime) {
 }
 
 TEST(IndexWriter, SecondRecordWithTheSameNptMakesNoNewBlockAndNoFlag) {
-  TempDir dir;
+  ScratchDir dir;
   IndexWriter writer(0, 256);
   ASSERT_TRUE(writer.open(dir.file("s.vdx2"), false, ""));
   CapturedPacket a = frame_record(0, 3.0, true);
@@ -304,7 +291,7 @@ TEST(IndexWriter, SecondRecordWithTheSameNptMakesNoNewBlockAndNoFlag) {
 }
 
 TEST(IndexWriter, AddPcrDuringAGroupJoinsItAndGetsTheGroupCount) {
-  TempDir dir;
+  ScratchDir dir;
   IndexWriter writer(0, 256);
   ASSERT_TRUE(writer.open(dir.file("g.vdx2"), false, ""));
   CapturedPacket a = frame_record(0, 1.0, true);
@@ -328,7 +315,7 @@ TEST(IndexWriter, AddPcrDuringAGroupJoinsItAndGetsTheGroupCount) {
 }
 
 TEST(IndexWriter, AddPcrOutsideAGroupIsWrittenAtOnceWithCountZero) {
-  TempDir dir;
+  ScratchDir dir;
   IndexWriter writer(0, 256);
   ASSERT_TRUE(writer.open(dir.file("o.vdx2"), false, ""));
   writer.add_pcr(376, 0.04);
@@ -346,7 +333,7 @@ TEST(IndexWriter, AddPcrOutsideAGroupIsWrittenAtOnceWithCountZero) {
 }
 
 TEST(IndexWriter, AddPcrDuringAReferenceRunIsWrittenAheadOfTheFramesBlocks) {
-  TempDir dir;
+  ScratchDir dir;
   IndexWriter writer(0, 256);
   ASSERT_TRUE(writer.open(dir.file("r.vdx2"), false, ""));
   CapturedPacket a = frame_record(1000, 1.0, true);
@@ -380,7 +367,7 @@ TEST(IndexWriter, AddPcrDuringAReferenceRunIsWrittenAheadOfTheFramesBlocks) {
 }
 
 TEST(IndexWriter, ReferenceAfterAnAddPcrInAGroupHangsOnTheTimePointsBlock) {
-  TempDir dir;
+  ScratchDir dir;
   IndexWriter writer(0, 256);
   ASSERT_TRUE(writer.open(dir.file("h.vdx2"), false, ""));
   CapturedPacket a = frame_record(0, 1.0, true);
@@ -404,7 +391,7 @@ TEST(IndexWriter, ReferenceAfterAnAddPcrInAGroupHangsOnTheTimePointsBlock) {
 }
 
 TEST(IndexWriter, AddPcrWithNoTimeOrTheSameTimeWritesNothing) {
-  TempDir dir;
+  ScratchDir dir;
   IndexWriter writer(0, 256);
   ASSERT_TRUE(writer.open(dir.file("n.vdx2"), false, ""));
   writer.add_pcr(0, 0.0);
@@ -418,7 +405,7 @@ TEST(IndexWriter, AddPcrWithNoTimeOrTheSameTimeWritesNothing) {
 }
 
 TEST(IndexWriter, RecordThatIsNotFrameDataOnlyCarriesItsTime) {
-  TempDir dir;
+  ScratchDir dir;
   IndexWriter writer(0, 256);
   ASSERT_TRUE(writer.open(dir.file("k.vdx2"), false, ""));
   CapturedPacket skipped = frame_record(940, 6.0, true);
@@ -439,7 +426,7 @@ TEST(IndexWriter, RecordThatIsNotFrameDataOnlyCarriesItsTime) {
 }
 
 TEST(IndexWriter, BlockSize16WritesTheHeaderAndTheFirstBlockThrows) {
-  TempDir dir;
+  ScratchDir dir;
   IndexWriter writer(0, 16);
   ASSERT_TRUE(writer.open(dir.file("b.vdx2"), false, ""));
   writer.flush();
@@ -472,7 +459,7 @@ TEST(IndexWriter, BlockSize16WritesTheHeaderAndTheFirstBlockThrows) {
 }
 
 TEST(IndexWriter, BlockSizeBelow16ThrowsAtOpenAfterTheHeaderFields) {
-  TempDir dir;
+  ScratchDir dir;
   IndexWriter writer(0, 15);
   expect_error([&] { writer.open(dir.file("b.vdx2"), false, ""); }, 1, "Block size too small");
   writer.close();
@@ -480,7 +467,7 @@ TEST(IndexWriter, BlockSizeBelow16ThrowsAtOpenAfterTheHeaderFields) {
 }
 
 TEST(IndexWriter, BlockSize36PutsAWholeStringInOneBlockWhoseWriteFails) {
-  TempDir dir;
+  ScratchDir dir;
   IndexWriter writer(0, 36);
   ASSERT_TRUE(writer.open(dir.file("c.vdx2"), false, ""));
   writer.set_tables(packet_of(0x11) + packet_of(0x22));
@@ -495,7 +482,7 @@ TEST(IndexWriter, BlockSize36PutsAWholeStringInOneBlockWhoseWriteFails) {
 }
 
 TEST(IndexWriter, AnEmptyBlockFitsBlockSize36) {
-  TempDir dir;
+  ScratchDir dir;
   IndexWriter writer(0, 36);
   ASSERT_TRUE(writer.open(dir.file("c.vdx2"), false, ""));
   writer.add_pcr(0, 1.0);
@@ -504,7 +491,7 @@ TEST(IndexWriter, AnEmptyBlockFitsBlockSize36) {
 }
 
 TEST(IndexWriter, ReferenceWithANewTimeClosesTheRangeAheadOfItselfAndStartsItsOwn) {
-  TempDir dir;
+  ScratchDir dir;
   IndexWriter writer(0, 256);
   ASSERT_TRUE(writer.open(dir.file("n.vdx2"), false, ""));
   CapturedPacket a = frame_record(1000, 1.0, true);
@@ -533,7 +520,7 @@ TEST(IndexWriter, ReferenceWithANewTimeClosesTheRangeAheadOfItselfAndStartsItsOw
 }
 
 TEST(IndexWriter, NewTimeRightAfterAnInlinePacketLeavesItAnEmptyReference) {
-  TempDir dir;
+  ScratchDir dir;
   IndexWriter writer(0, 256);
   ASSERT_TRUE(writer.open(dir.file("e.vdx2"), false, ""));
   CapturedPacket a = frame_record(1000, 1.0, true);
@@ -551,7 +538,7 @@ TEST(IndexWriter, NewTimeRightAfterAnInlinePacketLeavesItAnEmptyReference) {
 }
 
 TEST(IndexWriter, FrameWithoutPendingBlockOrInlinePacketGetsNoBlocks) {
-  TempDir dir;
+  ScratchDir dir;
   IndexWriter writer(0, 256);
   ASSERT_TRUE(writer.open(dir.file("x.vdx2"), false, ""));
   writer.add_pcr(0, 1.0);
@@ -578,7 +565,7 @@ TEST(IndexWriter, FrameWithoutPendingBlockOrInlinePacketGetsNoBlocks) {
 }
 
 TEST(IndexWriter, InlinePacketAfterAReferenceRunStartsANewRange) {
-  TempDir dir;
+  ScratchDir dir;
   IndexWriter writer(0, 256);
   ASSERT_TRUE(writer.open(dir.file("i.vdx2"), false, ""));
   CapturedPacket a = frame_record(0, 1.0, true);
@@ -606,7 +593,7 @@ TEST(IndexWriter, InlinePacketAfterAReferenceRunStartsANewRange) {
 }
 
 TEST(IndexWriter, GrownPayloadRendersTwoPacketsOfWhichTheLastKeepsTheOwnCounter) {
-  TempDir dir;
+  ScratchDir dir;
   IndexWriter writer(0, 1024);
   ASSERT_TRUE(writer.open(dir.file("g.vdx2"), false, ""));
   CapturedPacket a = last_of_frame(frame_record(0, 1.0, true, 5));
@@ -622,7 +609,7 @@ TEST(IndexWriter, GrownPayloadRendersTwoPacketsOfWhichTheLastKeepsTheOwnCounter)
 }
 
 TEST(IndexWriter, GrownPayloadWithCounterZeroStartsBelowZero) {
-  TempDir dir;
+  ScratchDir dir;
   IndexWriter writer(0, 1024);
   ASSERT_TRUE(writer.open(dir.file("g.vdx2"), false, ""));
   CapturedPacket a = last_of_frame(frame_record(0, 1.0, true, 0));
@@ -640,7 +627,7 @@ TEST(IndexWriter, GrownPayloadWithCounterZeroStartsBelowZero) {
 }
 
 TEST(IndexWriter, ModifiedPacketWithEmptyPayloadGivesOneEmptyBlock) {
-  TempDir dir;
+  ScratchDir dir;
   IndexWriter writer(0, 256);
   ASSERT_TRUE(writer.open(dir.file("m.vdx2"), false, ""));
   CapturedPacket a = frame_record(0, 1.0, true);
@@ -658,7 +645,7 @@ TEST(IndexWriter, ModifiedPacketWithEmptyPayloadGivesOneEmptyBlock) {
 }
 
 TEST(IndexWriter, ExternalFramesReferToTheFrameFile) {
-  TempDir dir;
+  ScratchDir dir;
   IndexWriter writer(FLAG_EXTERNAL_FRAMES | 4, 256);
   ASSERT_TRUE(writer.open(dir.file("x.vdx2"), false, dir.file("x.vdf")));
   for (uint64_t frame = 0; frame < 2; ++frame) {
@@ -690,7 +677,7 @@ TEST(IndexWriter, ExternalFramesReferToTheFrameFile) {
 }
 
 TEST(IndexWriter, FrameFileReachesTheDiskAtFlushWithoutClosing) {
-  TempDir dir;
+  ScratchDir dir;
   IndexWriter writer(FLAG_EXTERNAL_FRAMES, 256);
   ASSERT_TRUE(writer.open(dir.file("x.vdx2"), false, dir.file("x.vdf")));
   CapturedPacket a = frame_record(0, 1.0, true);
@@ -705,7 +692,7 @@ TEST(IndexWriter, FrameFileReachesTheDiskAtFlushWithoutClosing) {
 }
 
 TEST(IndexWriter, FrameFileStaysOpenButIsFlushedAtClose) {
-  TempDir dir;
+  ScratchDir dir;
   IndexWriter writer(FLAG_EXTERNAL_FRAMES, 256);
   ASSERT_TRUE(writer.open(dir.file("x.vdx2"), false, dir.file("x.vdf")));
   CapturedPacket b = last_of_frame(frame_record(188, 1.0, false));
@@ -717,7 +704,7 @@ TEST(IndexWriter, FrameFileStaysOpenButIsFlushedAtClose) {
 }
 
 TEST(IndexWriter, FrameFileIsAppendedToWhenAsked) {
-  TempDir dir;
+  ScratchDir dir;
   {
     std::ofstream old(dir.file("x.vdf"), std::ios::binary);
     old << "old";
@@ -731,7 +718,7 @@ TEST(IndexWriter, FrameFileIsAppendedToWhenAsked) {
 }
 
 TEST(IndexWriter, FrameFileIsTruncatedOtherwise) {
-  TempDir dir;
+  ScratchDir dir;
   {
     std::ofstream old(dir.file("x.vdf"), std::ios::binary);
     old << "old";
@@ -743,7 +730,7 @@ TEST(IndexWriter, FrameFileIsTruncatedOtherwise) {
 }
 
 TEST(IndexWriter, ExternalFramesWithoutAFrameFileNameFailToOpen) {
-  TempDir dir;
+  ScratchDir dir;
   IndexWriter writer(FLAG_EXTERNAL_FRAMES, 256);
   EXPECT_FALSE(writer.open(dir.file("x.vdx2"), false, ""));
   EXPECT_EQ(writer.writer, nullptr);
@@ -755,7 +742,7 @@ TEST(IndexWriter, ExternalFramesWithoutAFrameFileNameFailToOpen) {
 }
 
 TEST(IndexWriter, FrameFileThatCannotBeOpenedFailsTheOpen) {
-  TempDir dir;
+  ScratchDir dir;
   IndexWriter writer(FLAG_EXTERNAL_FRAMES, 256);
   EXPECT_FALSE(writer.open(dir.file("x.vdx2"), false, dir.file("missing/x.vdf")));
   EXPECT_EQ(writer.writer, nullptr);
@@ -764,7 +751,7 @@ TEST(IndexWriter, FrameFileThatCannotBeOpenedFailsTheOpen) {
 }
 
 TEST(IndexWriter, IndexFileThatCannotBeOpenedFailsTheOpen) {
-  TempDir dir;
+  ScratchDir dir;
   IndexWriter writer(0, 256);
   EXPECT_FALSE(writer.open(dir.file("missing/x.vdx2"), false, ""));
   EXPECT_EQ(writer.writer, nullptr);
@@ -772,7 +759,7 @@ TEST(IndexWriter, IndexFileThatCannotBeOpenedFailsTheOpen) {
 }
 
 TEST(IndexWriter, FrameFileNameIsNotNeededWithoutExternalFrames) {
-  TempDir dir;
+  ScratchDir dir;
   IndexWriter writer(0, 256);
   EXPECT_TRUE(writer.open(dir.file("x.vdx2"), false, dir.file("x.vdf")));
   EXPECT_EQ(writer.frame_stream, nullptr);
@@ -780,7 +767,7 @@ TEST(IndexWriter, FrameFileNameIsNotNeededWithoutExternalFrames) {
 }
 
 TEST(IndexWriter, CloseLosesAGroupUnderWayAndLaterRecordsAreIgnored) {
-  TempDir dir;
+  ScratchDir dir;
   IndexWriter writer(0, 256);
   ASSERT_TRUE(writer.open(dir.file("c.vdx2"), false, ""));
   CapturedPacket a = frame_record(0, 1.0, true);
@@ -797,7 +784,7 @@ TEST(IndexWriter, CloseLosesAGroupUnderWayAndLaterRecordsAreIgnored) {
 }
 
 TEST(IndexWriter, OpenAgainClosesTheFirstFile) {
-  TempDir dir;
+  ScratchDir dir;
   IndexWriter writer(0, 256);
   ASSERT_TRUE(writer.open(dir.file("a.vdx2"), false, ""));
   writer.add_pcr(0, 1.0);
@@ -808,7 +795,7 @@ TEST(IndexWriter, OpenAgainClosesTheFirstFile) {
 }
 
 TEST(IndexWriter, DestructorDropsAPendingGroupUnwritten) {
-  TempDir dir;
+  ScratchDir dir;
   {
     IndexWriter writer(0, 256);
     ASSERT_TRUE(writer.open(dir.file("d.vdx2"), false, ""));
@@ -824,7 +811,7 @@ TEST(IndexWriter, DestructorDropsAPendingGroupUnwritten) {
 }
 
 TEST(IndexWriter, GroupsOfSeveralFramesEachCountFromZero) {
-  TempDir dir;
+  ScratchDir dir;
   IndexWriter writer(0, 256);
   ASSERT_TRUE(writer.open(dir.file("m.vdx2"), false, ""));
   writer.set_tables(packet_of(0x11) + packet_of(0x22));

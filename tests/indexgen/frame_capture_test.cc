@@ -15,16 +15,16 @@ using namespace VdxTest;
 TEST(FrameCapture, UnreadablePesHeaderIsReportedAndTheRecordStillCaptured) {
   Harness h;
   h.start_mpeg2();
-  h.log.lines.clear();
+  h.log.clear();
   h.replace_parser([](CapturedPacket&, size_t) {});
   // The header data length runs past the payload: the reader stops after the fixed 9 bytes.
   h.video(0, hex("00 00 01 E0 00 00 80 00 20 AA BB CC"), true);
   h.video(1, hex("00 00 01 E0 00 00 80 00 00 DD"), true);
   ASSERT_EQ(h.log.lines.size(), 2u);
-  EXPECT_EQ(h.log.texts()[0], "PES header larger than TS packet - likely to fail!");
-  EXPECT_EQ(h.log.levels()[0], 1);
-  EXPECT_EQ(h.log.texts()[1], "Could not clear PTS and DTS from PES (PES header larger than TS)");
-  EXPECT_EQ(h.log.levels()[1], 1);
+  EXPECT_EQ(h.log.lines[0], "PES header larger than TS packet - likely to fail!");
+  EXPECT_EQ(h.log.levels[0], 1);
+  EXPECT_EQ(h.log.lines[1], "Could not clear PTS and DTS from PES (PES header larger than TS)");
+  EXPECT_EQ(h.log.levels[1], 1);
   std::vector<CapturedPacket> packets = h.writer.packets();
   ASSERT_EQ(packets.size(), 1u);
   EXPECT_EQ(packets[0].pes_header_length, 9u);
@@ -34,13 +34,13 @@ TEST(FrameCapture, UnreadablePesHeaderIsReportedAndTheRecordStillCaptured) {
 TEST(FrameCapture, PesHeaderShorterThanItsFixedPartIsReported) {
   Harness h;
   h.start_mpeg2();
-  h.log.lines.clear();
+  h.log.clear();
   h.replace_parser([](CapturedPacket&, size_t) {});
   h.video(0, hex("00 00 01 E0 00 00"), true);
   h.video(1, hex("00 00 01 E0 00 00 80 00 00 DD"), true);
   ASSERT_EQ(h.log.lines.size(), 2u);
-  EXPECT_EQ(h.log.texts()[0], "PES header larger than TS packet - likely to fail!");
-  EXPECT_EQ(h.log.texts()[1],
+  EXPECT_EQ(h.log.lines[0], "PES header larger than TS packet - likely to fail!");
+  EXPECT_EQ(h.log.lines[1],
             "Could not clear PTS and DTS from PES (payload shorter than min PES header length)");
   std::vector<CapturedPacket> packets = h.writer.packets();
   ASSERT_EQ(packets.size(), 1u);

@@ -14,6 +14,7 @@
 #include "indexgen/generator.h"
 #include "indexgen/recording_writer.h"
 #include "indexgen/stream_builder.h"
+#include "support/log_capture.h"
 #include "transport/test_bytes.h"
 
 namespace VdxTest {
@@ -112,7 +113,7 @@ struct Harness {
   }
   std::string dumped() const { return out.str(); }
 
-  LogCapture log;
+  Veldrin::Testing::LogCapture log;
   RecordingWriter writer;
   std::ostringstream out;
   Veldrin::IndexGen::IndexGenerator generator;

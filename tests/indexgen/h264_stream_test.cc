@@ -15,6 +15,7 @@
 #include "indexgen/generator.h"
 #include "indexgen/h264_parser.h"
 #include "support/log_capture.h"
+#include "support/scratch_dir.h"
 #include "transport/pipeline.h"
 
 namespace Veldrin::IndexGen {
@@ -283,11 +284,8 @@ TEST_P(H264Stream, DumpDecodesWithOneAccessUnitForEachCapturedPicture) {
   }
   Indexed run;
   index(e.fixture, run);
-  std::string path = std::string(VDX_BINARY_DIR) + "/h264_dump_" + e.fixture;
-  {
-    std::ofstream out(path, std::ios::binary);
-    out << run.dump.str();
-  }
+  const Veldrin::Testing::ScratchDir dir;
+  const std::string path = dir.write(e.fixture, run.dump.str());
   ASSERT_FALSE(run.dump.str().empty());
   // A frame's time stamp is its time truncated to whole seconds, so that two frames may share
   // one, which the output side of ffmpeg would complain of: it gets frame numbers instead. The
@@ -316,12 +314,13 @@ TEST_P(H264Stream, FastScanGivesTheSameIndexAsTheByteByByteScan) {
   struct Result {
     std::string transcript;
     std::string dump;
-    std::vector<std::pair<int32_t, std::string>> lines;
+    std::vector<int32_t> levels;
+    std::vector<std::string> lines;
   };
   auto result_of = [](const char* fixture, bool byte_by_byte) {
     Indexed run;
     index(fixture, run, byte_by_byte);
-    return Result{run.writer.transcript, run.dump.str(), run.log.lines};
+    return Result{run.writer.transcript, run.dump.str(), run.log.levels, run.log.lines};
   };
   Result fast = result_of(GetParam().fixture, false);
   Result reference = result_of(GetParam().fixture, true);
@@ -329,18 +328,20 @@ TEST_P(H264Stream, FastScanGivesTheSameIndexAsTheByteByByteScan) {
   EXPECT_TRUE(fast.transcript == reference.transcript);
   EXPECT_TRUE(fast.dump == reference.dump);
   EXPECT_EQ(fast.lines, reference.lines);
+  EXPECT_EQ(fast.levels, reference.levels);
 }
 
 TEST(H264DamagedStream, FastScanGivesTheSameIndexAsTheByteByByteScan) {
   struct Result {
     std::string transcript;
     std::string dump;
-    std::vector<std::pair<int32_t, std::string>> lines;
+    std::vector<int32_t> levels;
+    std::vector<std::string> lines;
   };
   auto result_of = [](const std::string& source, bool byte_by_byte) {
     Indexed run;
     index_bytes(source, run, byte_by_byte);
-    return Result{run.writer.transcript, run.dump.str(), run.log.lines};
+    return Result{run.writer.transcript, run.dump.str(), run.log.levels, run.log.lines};
   };
   size_t captures = 0;
   for (const char* fixture : {"h264_multi_slice.ts", "h264_no_aud_intra_refresh.ts"}) {
@@ -351,8 +352,9 @@ TEST(H264DamagedStream, FastScanGivesTheSameIndexAsTheByteByByteScan) {
       EXPECT_TRUE(fast.transcript == reference.transcript) << fixture << " " << seed;
       EXPECT_TRUE(fast.dump == reference.dump) << fixture << " " << seed;
       EXPECT_EQ(fast.lines, reference.lines) << fixture << " " << seed;
-      for (const auto& line : reference.lines) {
-        if (line.second.rfind("[start ", 0) == 0) ++captures;
+      EXPECT_EQ(fast.levels, reference.levels) << fixture << " " << seed;
+      for (const std::string& line : reference.lines) {
+        if (line.rfind("[start ", 0) == 0) ++captures;
       }
     }
   }

@@ -37,10 +37,10 @@ TEST(IndexGenerator, PcrOnlyWritesEachAcceptedPcrButNotTheFirst) {
   EXPECT_EQ(h.writer.calls[1].npt, 1.25);
   EXPECT_EQ(h.generator.block_count, 2);
   ASSERT_EQ(h.log.lines.size(), 3u);
-  EXPECT_EQ(h.log.texts()[0], "Captured PCR value 0.5 at offset 188");
-  EXPECT_EQ(h.log.levels()[0], 3);
-  EXPECT_EQ(h.log.texts()[1], "PCR gap of 3.7037e-08 after 0.5 ignored for rate calculation");
-  EXPECT_EQ(h.log.texts()[2], "Captured PCR value 1.25 at offset 564");
+  EXPECT_EQ(h.log.lines[0], "Captured PCR value 0.5 at offset 188");
+  EXPECT_EQ(h.log.levels[0], 3);
+  EXPECT_EQ(h.log.lines[1], "PCR gap of 3.7037e-08 after 0.5 ignored for rate calculation");
+  EXPECT_EQ(h.log.lines[2], "Captured PCR value 1.25 at offset 564");
 }
 
 TEST(IndexGenerator, PcrOnlyDoesNoTableOrVideoWork) {

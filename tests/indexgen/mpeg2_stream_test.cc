@@ -13,6 +13,8 @@
 
 #include "indexgen/generator.h"
 #include "indexgen/recording_writer.h"
+#include "support/log_capture.h"
+#include "support/scratch_dir.h"
 #include "transport/pipeline.h"
 #include "transport/test_bytes.h"
 
@@ -119,7 +121,7 @@ struct Indexed {
 };
 
 void index_stream(const Bytes& stream, Indexed& out) {
-  VdxTest::LogCapture log;
+  Veldrin::Testing::LogCapture log;
   IndexGenerator generator(&out.writer, true, true, false, false, false, 0, out.dump);
   TSPipeline pipeline(0);
   pipeline.attach(&generator);
@@ -128,7 +130,7 @@ void index_stream(const Bytes& stream, Indexed& out) {
     pipeline.read(stream.data() + at, static_cast<int32_t>(size));
   }
   out.block_count = generator.block_count;
-  out.log = log.texts();
+  out.log = log.lines;
 }
 
 class Mpeg2Stream : public testing::TestWithParam<const char*> {
@@ -208,11 +210,8 @@ TEST_P(Mpeg2Stream, DumpIsAStreamOfIntraPicturesTimedByTheirNpt) {
   const std::string dump = indexed.dump.str();
   ASSERT_FALSE(dump.empty());
   ASSERT_EQ(dump.size() % 188, 0u);
-  const std::string path = std::string(VDX_BINARY_DIR) + "/indexgen_dump_" + name + ".ts";
-  {
-    std::ofstream out(path, std::ios::binary);
-    out.write(dump.data(), static_cast<std::streamsize>(dump.size()));
-  }
+  const Veldrin::Testing::ScratchDir dir;
+  const std::string path = dir.write(name + ".ts", dump);
 
   EXPECT_EQ(run_command("ffmpeg -hide_banner -nostdin -v error -i '" + path + "' -f null - 2>&1"),
             "");

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "indexgen/generator_harness.h"
+#include "support/log_capture.h"
 
 namespace Veldrin::IndexGen {
 namespace {
@@ -44,7 +45,7 @@ TEST(PesEdits, StrippingOutsideAUnitStartDoesNothing) {
 }
 
 TEST(PesEdits, StrippingStampsThatRunPastThePayloadFailsQuietly) {
-  VdxTest::LogCapture log;
+  Veldrin::Testing::LogCapture log;
   CapturedPacket record = record_of(hex("00 00 01 E0 00 00 80 C0 00 21 00 01"), 9);
   EXPECT_FALSE(strip_time_stamps(record));
   EXPECT_TRUE(log.lines.empty());

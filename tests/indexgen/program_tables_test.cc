@@ -30,8 +30,8 @@ TEST(ProgramTables, PatChoosesTheLowestNonZeroProgramAndKeepsAOneProgramPacket) 
   EXPECT_EQ(h.generator.programs.pmt_pid, 0x200);
   EXPECT_EQ(h.generator.programs.program_number, 2);
   ASSERT_EQ(h.log.lines.size(), 1u);
-  EXPECT_EQ(h.log.texts()[0], "PMT on PID: 512 (program number: 2)");
-  EXPECT_EQ(h.log.levels()[0], 2);
+  EXPECT_EQ(h.log.lines[0], "PMT on PID: 512 (program number: 2)");
+  EXPECT_EQ(h.log.levels[0], 2);
   // One program, the transport_stream_id and version of the source, the input's counter.
   Bytes reduced = VdxTest::pat_section(7, {{2, 0x200}}, 4);
   EXPECT_EQ(h.generator.programs.pat_packet,
@@ -78,7 +78,7 @@ TEST(ProgramTables, PatThatMovesThePmtReplacesThePacketAndLogsAgain) {
   h.feed(0, 1, stuffed(VdxTest::with_pointer(VdxTest::pat_section(1, {{1, 0x40}}))), unit_start());
   EXPECT_EQ(h.generator.programs.pmt_pid, 0x40);
   ASSERT_EQ(h.log.lines.size(), 2u);
-  EXPECT_EQ(h.log.texts()[1], "PMT on PID: 64 (program number: 1)");
+  EXPECT_EQ(h.log.lines[1], "PMT on PID: 64 (program number: 1)");
   EXPECT_EQ(h.generator.programs.pat_packet,
             as_string(ts_packet(0, 1, VdxTest::with_pointer(VdxTest::pat_section(1, {{1, 0x40}})),
                                 unit_start())));
@@ -158,7 +158,7 @@ TEST(ProgramTables, LaterPatMovesOnlyThePatPacketOnceVideoIsKnown) {
   EXPECT_EQ(h.generator.parser.get(), parser);
   EXPECT_TRUE(h.generator.programs.pmt_section.data.empty());
   ASSERT_EQ(h.log.lines.size(), 3u);
-  EXPECT_EQ(h.log.texts()[2], "PMT on PID: 64 (program number: 1)");
+  EXPECT_EQ(h.log.lines[2], "PMT on PID: 64 (program number: 1)");
 }
 
 TEST(ProgramTables, VideoAheadOfTheFirstPmtWithVideoIsLost) {
@@ -185,9 +185,9 @@ TEST(ProgramTables, PmtWithMpeg2VideoIsDetectedAndCapturedAsItCame) {
   EXPECT_EQ(h.generator.programs.video_pid, kVideoPid);
   ASSERT_NE(h.generator.parser, nullptr);
   ASSERT_EQ(h.log.lines.size(), 2u);
-  EXPECT_EQ(h.log.texts()[0], "PMT on PID: 32 (program number: 1)");
-  EXPECT_EQ(h.log.texts()[1], "Detected MPEG-2 video stream on PID: 256");
-  EXPECT_EQ(h.log.levels()[1], 2);
+  EXPECT_EQ(h.log.lines[0], "PMT on PID: 32 (program number: 1)");
+  EXPECT_EQ(h.log.lines[1], "Detected MPEG-2 video stream on PID: 256");
+  EXPECT_EQ(h.log.levels[1], 2);
   EXPECT_EQ(h.generator.programs.pmt_packets, pmt_packet_for(mpeg2_pmt(), 6));
 }
 
@@ -270,7 +270,7 @@ TEST(ProgramTables, LastVideoStreamOfThePmtWins) {
   h.pmt(section);
   EXPECT_EQ(h.generator.programs.video_type, VIDEO_H264);
   EXPECT_EQ(h.generator.programs.video_pid, 200);
-  EXPECT_EQ(h.log.texts().back(), "Detected H.264 video stream on PID: 200");
+  EXPECT_EQ(h.log.lines.back(), "Detected H.264 video stream on PID: 200");
   // Without trimming the section stays as read.
   EXPECT_EQ(h.generator.programs.pmt_packets, pmt_packet_for(section));
 }
@@ -338,8 +338,8 @@ TEST(ProgramTables, CaDescriptorOfTheProgramGivesTheCaPid) {
   h.pmt(VdxTest::pmt_section(1, kVideoPid, info, {{2, kVideoPid, {}}}));
   EXPECT_EQ(h.generator.programs.ca_pid, 0x1234);
   ASSERT_EQ(h.log.lines.size(), 3u);
-  EXPECT_EQ(h.log.texts()[1], "Detected MPEG-2 video stream on PID: 256");
-  EXPECT_EQ(h.log.texts()[2], "Found CA data for capture on PID: 4660");
+  EXPECT_EQ(h.log.lines[1], "Detected MPEG-2 video stream on PID: 256");
+  EXPECT_EQ(h.log.lines[2], "Found CA data for capture on PID: 4660");
 }
 
 TEST(ProgramTables, CaDescriptorIsReadEvenFromAPmtWithoutVideo) {
@@ -348,7 +348,7 @@ TEST(ProgramTables, CaDescriptorIsReadEvenFromAPmtWithoutVideo) {
   h.pmt(VdxTest::pmt_section(1, kAudioPid, VdxTest::descriptor(0x09, hex("0B 00 E0 77")),
                              {{3, kAudioPid, {}}}));
   EXPECT_EQ(h.generator.programs.ca_pid, 0x77);
-  EXPECT_EQ(h.log.texts().back(), "Found CA data for capture on PID: 119");
+  EXPECT_EQ(h.log.lines.back(), "Found CA data for capture on PID: 119");
 }
 
 TEST(ProgramTables, CaPidFromTheCommandLineWinsOverTheDescriptor) {
@@ -357,7 +357,7 @@ TEST(ProgramTables, CaPidFromTheCommandLineWinsOverTheDescriptor) {
   h.pmt(VdxTest::pmt_section(1, kVideoPid, VdxTest::descriptor(0x09, hex("0B 00 E0 77")),
                              {{2, kVideoPid, {}}}));
   EXPECT_EQ(h.generator.programs.ca_pid, 0x66);
-  for (const std::string& line : h.log.texts()) {
+  for (const std::string& line : h.log.lines) {
     EXPECT_EQ(line.find("Found CA data"), std::string::npos) << line;
   }
 }
@@ -382,8 +382,8 @@ TEST(ProgramTables, CatIsAnnouncedForEveryPacketUntilOneIsCaptured) {
   h.feed(1, 1, Bytes(payload.begin() + 5, payload.end()));
   h.feed(1, 2, stuffed(payload), unit_start());
   ASSERT_EQ(h.log.lines.size(), 2u);
-  EXPECT_EQ(h.log.texts()[0], "Found CAT");
-  EXPECT_EQ(h.log.texts()[1], "Found CAT");
+  EXPECT_EQ(h.log.lines[0], "Found CAT");
+  EXPECT_EQ(h.log.lines[1], "Found CAT");
   EXPECT_EQ(h.generator.programs.cat_packets, as_string(ts_packet(1, 2, payload, unit_start())));
 }
 
@@ -408,7 +408,7 @@ TEST(ProgramTables, CaDataKeepsTheNewestPacketAndAnnouncesTheFirst) {
   options.random_access = true;
   h.feed(kCaPid, 5, repeat(0x32, 100), options);
   ASSERT_EQ(h.log.lines.size(), 1u);
-  EXPECT_EQ(h.log.texts()[0], "Capturing CA data from PID: 4660");
+  EXPECT_EQ(h.log.lines[0], "Capturing CA data from PID: 4660");
   EXPECT_EQ(h.generator.programs.ca_packet,
             as_string(ts_packet(kCaPid, 5, repeat(0x32, 100), options)));
 }

@@ -4,6 +4,9 @@
 
 #include <cmath>
 #include <limits>
+#include <ostream>
+#include <string>
+#include <vector>
 
 #include "indexgen/generator_harness.h"
 
@@ -65,55 +68,79 @@ TEST(TimeBase, RateIsTheBitsSinceTheLastPcrOverItsDistance) {
   EXPECT_TRUE(h.log.lines.empty());
 }
 
-TEST(TimeBase, PcrCloserThanTenMillisecondsIsAGapAndKeepsTheTimeBase) {
-  Harness h;
-  h.pcr(27000000);           // 1.0 s at offset 0
-  h.pcr(27000000 + 105469);  // 3.9 ms later at offset 188
-  ASSERT_EQ(h.log.lines.size(), 1u);
-  EXPECT_EQ(h.log.levels()[0], 2);
-  EXPECT_EQ(h.log.texts()[0], "PCR gap of 0.00390626 after 0 ignored for rate calculation");
-  EXPECT_EQ(h.generator.time_base.duration, 0.0);
-  EXPECT_EQ(h.generator.time_base.last_offset, 0u);
-  EXPECT_EQ(h.generator.time_base.max_rate, 0);
-  // 15.625 ms after the first: measured over all of it, from the bytes since the first.
-  h.pcr(27000000 + 421875);  // offset 376
-  EXPECT_EQ(h.log.lines.size(), 1u);
-  EXPECT_EQ(h.generator.time_base.duration, 0.015625);
-  EXPECT_EQ(h.generator.time_base.last_offset, 376u);
-  EXPECT_EQ(h.generator.time_base.max_rate, 192512);  // 3008 bits / 0.015625 s
-  EXPECT_EQ(h.generator.time_base.min_rate, 192512);
+// PCRs one packet apart, from offset 0, and what the time base holds after the last of them.
+struct PcrRun {
+  const char* name;
+  std::vector<int64_t> pcrs;
+  std::vector<std::string> gaps;  // the lines logged, each at the summary level
+  double duration;
+  uint64_t last_offset;
+  int32_t min_rate;
+  int32_t max_rate;
+};
+
+void PrintTo(const PcrRun& run, std::ostream* out) {
+  *out << run.name;
 }
 
-TEST(TimeBase, PcrExactlyTenMillisecondsLaterIsMeasured) {
+class PcrGap : public ::testing::TestWithParam<PcrRun> {};
+
+TEST_P(PcrGap, DistanceToTheTimeBaseDecidesBetweenRateAndGap) {
+  const PcrRun& run = GetParam();
   Harness h;
-  h.pcr(0);
-  h.pcr(270000);  // 0.01 s
-  EXPECT_TRUE(h.log.lines.empty());
-  EXPECT_EQ(h.generator.time_base.duration, 0.01);
-  EXPECT_EQ(h.generator.time_base.max_rate, 150400);
+  for (const int64_t pcr : run.pcrs) h.pcr(pcr);
+  EXPECT_EQ(h.log.lines, run.gaps);
+  EXPECT_EQ(h.log.levels, std::vector<int32_t>(run.gaps.size(), Korvix::Log::LEVEL_SUMMARY));
+  EXPECT_EQ(h.generator.time_base.duration, run.duration);
+  EXPECT_EQ(h.generator.time_base.last_offset, run.last_offset);
+  EXPECT_EQ(h.generator.time_base.min_rate, run.min_rate);
+  EXPECT_EQ(h.generator.time_base.max_rate, run.max_rate);
 }
 
-TEST(TimeBase, PcrTenSecondsLaterIsMeasuredAndAnyFurtherIsAGap) {
-  Harness h;
-  h.pcr(0);
-  h.pcr(270000000);  // exactly 10 s later
-  EXPECT_TRUE(h.log.lines.empty());
-  EXPECT_EQ(h.generator.time_base.duration, 10.0);
-  EXPECT_EQ(h.generator.time_base.max_rate, 150);  // 1504 bits in 10 s
-  h.pcr(270000000 + 270000001);                    // one tick more than 10 s
-  ASSERT_EQ(h.log.lines.size(), 1u);
-  EXPECT_EQ(h.log.texts()[0], "PCR gap of 10 after 10 ignored for rate calculation");
-  EXPECT_EQ(h.generator.time_base.duration, 10.0);
-  EXPECT_EQ(h.generator.time_base.last_offset, 188u);
-}
+constexpr int32_t NO_RATE_YET = 2147483647;  // the minimum before any rate was measured
 
-TEST(TimeBase, EqualPcrIsReportedAsAGap) {
-  Harness h;
-  h.pcr(27000000);
-  h.pcr(27000000);
-  ASSERT_EQ(h.log.lines.size(), 1u);
-  EXPECT_EQ(h.log.texts()[0], "PCR gap of 0 after 0 ignored for rate calculation");
-}
+const PcrRun kPcrRuns[] = {
+    // 3.9 ms after the first: a gap, and the time base stays where it was.
+    {"CloserThanTenMillisecondsIsAGap",
+     {27000000, 27000000 + 105469},
+     {"PCR gap of 0.00390626 after 0 ignored for rate calculation"},
+     0.0,
+     0,
+     NO_RATE_YET,
+     0},
+    // 15.625 ms after the first: measured over all of it, from the bytes since the first.
+    {"PcrAfterAGapIsMeasuredFromTheTimeBase",
+     {27000000, 27000000 + 105469, 27000000 + 421875},
+     {"PCR gap of 0.00390626 after 0 ignored for rate calculation"},
+     0.015625,
+     376,
+     192512,  // 3008 bits / 0.015625 s
+     192512},
+    // 1504 bits in 0.01 s.
+    {"ExactlyTenMillisecondsIsMeasured", {0, 270000}, {}, 0.01, 188, 150400, 150400},
+    // 1504 bits in 10 s.
+    {"ExactlyTenSecondsIsMeasured", {0, 270000000}, {}, 10.0, 188, 150, 150},
+    // One tick more than 10 s after the time base of 10 s.
+    {"AnyFurtherThanTenSecondsIsAGap",
+     {0, 270000000, 270000000 + 270000001},
+     {"PCR gap of 10 after 10 ignored for rate calculation"},
+     10.0,
+     188,
+     150,
+     150},
+    {"EqualPcrIsAGap",
+     {27000000, 27000000},
+     {"PCR gap of 0 after 0 ignored for rate calculation"},
+     0.0,
+     0,
+     NO_RATE_YET,
+     0},
+};
+
+INSTANTIATE_TEST_SUITE_P(Thresholds, PcrGap, ::testing::ValuesIn(kPcrRuns),
+                         [](const ::testing::TestParamInfo<PcrRun>& info) {
+                           return std::string(info.param.name);
+                         });
 
 TEST(TimeBase, PcrJumpOfTwentySecondsFreezesTheTimeBase) {
   Harness h;
@@ -123,8 +150,8 @@ TEST(TimeBase, PcrJumpOfTwentySecondsFreezesTheTimeBase) {
   h.pcr(27000000 * 22 + 13500000);  // 22.5 s
   h.pcr(27000000 * 10);             // 10 s: within 10 s of the old time base again
   ASSERT_EQ(h.log.lines.size(), 2u);
-  EXPECT_EQ(h.log.texts()[0], "PCR gap of 20 after 1 ignored for rate calculation");
-  EXPECT_EQ(h.log.texts()[1], "PCR gap of 20.5 after 1 ignored for rate calculation");
+  EXPECT_EQ(h.log.lines[0], "PCR gap of 20 after 1 ignored for rate calculation");
+  EXPECT_EQ(h.log.lines[1], "PCR gap of 20.5 after 1 ignored for rate calculation");
   EXPECT_EQ(h.generator.time_base.duration, 9.0);
   EXPECT_EQ(h.generator.time_base.last_offset, 4u * 188);
 }

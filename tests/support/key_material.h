@@ -179,7 +179,7 @@ class KeyMaterial {
     openssl({"req", "-x509", "-new", "-key", key, "-subj", subject, "-days", "30", "-out", out});
   }
 
-  TempDir dir;
+  ScratchDir dir;
   std::string rsa1024_public_hex;
 };
 

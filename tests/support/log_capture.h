@@ -4,7 +4,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "foundation/log/channel.h"
@@ -13,7 +12,8 @@
 
 namespace Veldrin::Testing {
 
-// Collects every log line sent to the logger while it lives, with its level.
+// Collects every log line sent to the logger while it lives: its text in lines and its level at
+// the same place in levels.
 class LogCapture : public Korvix::Log::Channel {
  public:
   LogCapture() { Korvix::Log::logger.connect(*this); }
@@ -22,41 +22,31 @@ class LogCapture : public Korvix::Log::Channel {
   LogCapture& operator=(const LogCapture&) = delete;
 
   void log(Korvix::Log::Message& message) override {
-    lines.push_back({message.level, message.text});
+    levels.push_back(message.level);
+    lines.push_back(message.text);
   }
 
-  // Every line's text, in order.
-  std::vector<std::string> texts() const {
-    std::vector<std::string> out;
-    for (const auto& line : lines) out.push_back(line.second);
-    return out;
-  }
-  // Every line's level, in order.
-  std::vector<int32_t> levels() const {
-    std::vector<int32_t> out;
-    for (const auto& line : lines) out.push_back(line.first);
-    return out;
-  }
   // The lines of one level, in order.
   std::vector<std::string> at(int32_t level) const {
     std::vector<std::string> out;
-    for (const auto& line : lines) {
-      if (line.first == level) out.push_back(line.second);
+    for (size_t i = 0; i < lines.size(); ++i) {
+      if (levels[i] == level) out.push_back(lines[i]);
     }
     return out;
   }
   std::vector<std::string> detail() const { return at(Korvix::Log::LEVEL_DETAIL); }
   std::vector<std::string> summary() const { return at(Korvix::Log::LEVEL_SUMMARY); }
   std::vector<std::string> error() const { return at(Korvix::Log::LEVEL_ERROR); }
-  // Detail lines other than the one for each H.264 unit.
-  std::vector<std::string> events() const {
+
+  // The lines of a level that don't begin with prefix, in order.
+  std::vector<std::string> at_without(int32_t level, const std::string& prefix) const {
     std::vector<std::string> out;
-    for (const std::string& text : detail()) {
-      if (text.rfind("H.264 unit type: ", 0) != 0) out.push_back(text);
+    for (const std::string& text : at(level)) {
+      if (text.rfind(prefix, 0) != 0) out.push_back(text);
     }
     return out;
   }
-  // Lines of a level that begin with prefix.
+  // The count of lines of a level that begin with prefix.
   size_t count(int32_t level, const std::string& prefix) const {
     size_t n = 0;
     for (const std::string& text : at(level)) {
@@ -65,7 +55,13 @@ class LogCapture : public Korvix::Log::Channel {
     return n;
   }
 
-  std::vector<std::pair<int32_t, std::string>> lines;
+  void clear() {
+    levels.clear();
+    lines.clear();
+  }
+
+  std::vector<int32_t> levels;
+  std::vector<std::string> lines;
 };
 
 }  // namespace Veldrin::Testing

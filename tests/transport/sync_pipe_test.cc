@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "support/scratch_dir.h"
 #include "transport/pipeline.h"
 
 namespace Veldrin::IndexGen {
@@ -57,15 +58,18 @@ int64_t seconds(double s) {
   return static_cast<int64_t>(s * 27000000.0);
 }
 
+// The files the tests write, in one directory removed when the tests end.
+const Veldrin::Testing::ScratchDir& scratch() {
+  static const Veldrin::Testing::ScratchDir dir;
+  return dir;
+}
+
 std::string temp_path(const std::string& name) {
-  return std::string(VDX_BINARY_DIR) + "/sync_pipe_test_" + name + ".ts";
+  return scratch().file(name + ".ts");
 }
 
 std::string write_temp(const std::string& name, const std::string& bytes) {
-  std::string path = temp_path(name);
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-  return path;
+  return scratch().write(name + ".ts", bytes);
 }
 
 std::string read_all(const std::string& path) {

@@ -5,12 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "support/log_capture.h"
-
 namespace VdxTest {
-
-// The log capture of every suite.
-using Veldrin::Testing::LogCapture;
 
 using Bytes = std::vector<unsigned char>;
 

@@ -5,6 +5,7 @@
 #include <stdexcept>
 
 #include "foundation/channel/block_reader.h"
+#include "support/log_capture.h"
 #include "transport/test_bytes.h"
 
 namespace Veldrin::IndexGen {
@@ -13,7 +14,7 @@ namespace {
 using VdxTest::Bytes;
 using VdxTest::concat;
 using VdxTest::hex;
-using VdxTest::LogCapture;
+using Veldrin::Testing::LogCapture;
 
 class Collector : public TSPipe {
  public:
@@ -185,8 +186,8 @@ TEST(TSPipeline, AdaptationFieldOf184LogsBadPayloadSize) {
   pipeline.attach(&collector);
   feed(pipeline, concat({hex("47 01 00 30 B8 00"), Bytes(182, 0xFF), plain_packet(0x101),
                          plain_packet(0x102)}));
-  ASSERT_EQ(log.texts(), std::vector<std::string>{"Bad TS payload size"});
-  EXPECT_EQ(log.levels(), std::vector<int32_t>{1});
+  ASSERT_EQ(log.lines, std::vector<std::string>{"Bad TS payload size"});
+  EXPECT_EQ(log.levels, std::vector<int32_t>{1});
   // The field's skip ran one byte past the next sync byte; the hunt goes on from there and
   // finds the packet after it.
   ASSERT_EQ(collector.packets.size(), 1u);
@@ -201,7 +202,7 @@ TEST(TSPipeline, AdaptationFieldOf184AtTheEndOfTheBufferCannotBeRead) {
   pipeline.attach(&collector);
   // The field's skip would leave the buffer, so the header itself fails.
   feed(pipeline, concat({hex("47 01 00 30 B8 00"), Bytes(182, 0xFF)}));
-  EXPECT_EQ(log.texts(), std::vector<std::string>{"Could not read TS header"});
+  EXPECT_EQ(log.lines, std::vector<std::string>{"Could not read TS header"});
   EXPECT_TRUE(collector.packets.empty());
   EXPECT_TRUE(pipeline.buffer.empty());
   EXPECT_EQ(pipeline.offset, 188u);
@@ -214,7 +215,7 @@ TEST(TSPipeline, PacketRunningPastTheBufferLogsTruncated) {
   pipeline.attach(&collector);
   // A field of 1 byte with the PCR flag: 12 header bytes and 182 of payload, 194 in all.
   feed(pipeline, concat({hex("47 01 00 30 01 10 00 00 AF C8 7E 00"), Bytes(176, 0xEE)}));
-  EXPECT_EQ(log.texts(), std::vector<std::string>{"TS packet truncated"});
+  EXPECT_EQ(log.lines, std::vector<std::string>{"TS packet truncated"});
   EXPECT_TRUE(collector.packets.empty());
   // The failed read consumed the rest: nothing is kept.
   EXPECT_TRUE(pipeline.buffer.empty());
@@ -240,9 +241,9 @@ TEST(TSPipeline, ReadPacketLogsCouldNotReadHeader) {
   Bytes wrong = concat({hex("46 01 00 10"), Bytes(184, 0)});
   Korvix::Channel::BlockReader wrong_reader(wrong.data(), wrong.size());
   EXPECT_FALSE(pipeline.read_packet(wrong_reader, packet));
-  EXPECT_EQ(log.texts(),
+  EXPECT_EQ(log.lines,
             (std::vector<std::string>{"Could not read TS header", "Could not read TS header"}));
-  EXPECT_EQ(log.levels(), (std::vector<int32_t>{1, 1}));
+  EXPECT_EQ(log.levels, (std::vector<int32_t>{1, 1}));
 }
 
 TEST(TSPipeline, ReadPacketLogsTruncatedPayload) {
@@ -252,7 +253,7 @@ TEST(TSPipeline, ReadPacketLogsTruncatedPayload) {
   Korvix::Channel::BlockReader reader(cut.data(), cut.size());
   TSPacket packet;
   EXPECT_FALSE(pipeline.read_packet(reader, packet));
-  EXPECT_EQ(log.texts(), std::vector<std::string>{"TS packet truncated"});
+  EXPECT_EQ(log.lines, std::vector<std::string>{"TS packet truncated"});
 }
 
 TEST(TSPipeline, ReadPacketFillsThePayload) {

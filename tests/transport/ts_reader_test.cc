@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <ostream>
+#include <string>
+
 #include "foundation/channel/block_reader.h"
 #include "transport/test_bytes.h"
 
@@ -71,25 +74,41 @@ TEST(TSReader, PayloadFlagIsNotLookedAt) {
   EXPECT_EQ(h.payload_length, 184);
 }
 
-TEST(TSReader, EmptyAdaptationFieldLeaves183) {
-  Header h = read_header(hex("47 01 00 30 00"));
-  ASSERT_TRUE(h.ok);
-  EXPECT_EQ(h.payload_length, 183);
-  EXPECT_EQ(h.consumed, 5u);
+// A header with an adaptation field of some length, and what is left for the payload.
+struct FieldLength {
+  const char* name;
+  const char* head;
+  size_t total;  // bytes present, the header's included
+  int32_t payload_length;
+  uint64_t consumed;
+};
+
+void PrintTo(const FieldLength& field, std::ostream* out) {
+  *out << field.name;
 }
 
-TEST(TSReader, AdaptationFieldOf183LeavesNoPayload) {
-  Header h = read_header(hex("47 01 00 30 B7 00"));
+class TSReaderAdaptation : public ::testing::TestWithParam<FieldLength> {};
+
+TEST_P(TSReaderAdaptation, PayloadIsWhatTheFieldLeavesOfThe184Bytes) {
+  const FieldLength& field = GetParam();
+  Header h = read_header(hex(field.head), field.total);
   ASSERT_TRUE(h.ok);
-  EXPECT_EQ(h.payload_length, 0);
-  EXPECT_EQ(h.consumed, 188u);
+  EXPECT_EQ(h.payload_length, field.payload_length);
+  EXPECT_EQ(h.consumed, field.consumed);
 }
 
-TEST(TSReader, AdaptationFieldOf184GivesNegativeLength) {
-  Header h = read_header(hex("47 01 00 30 B8 00"), 189);
-  ASSERT_TRUE(h.ok);
-  EXPECT_EQ(h.payload_length, -1);
-}
+const FieldLength kFieldLengths[] = {
+    {"NoFieldLeaves184", "47 01 00 10", 188, 184, 4},
+    {"EmptyFieldLeaves183", "47 01 00 30 00", 188, 183, 5},
+    {"FieldOf183LeavesNoPayload", "47 01 00 30 B7 00", 188, 0, 188},
+    // One byte more than the packet holds: read all the same, the payload length negative.
+    {"FieldOf184GivesNegativeLength", "47 01 00 30 B8 00", 189, -1, 189},
+};
+
+INSTANTIATE_TEST_SUITE_P(Lengths, TSReaderAdaptation, ::testing::ValuesIn(kFieldLengths),
+                         [](const ::testing::TestParamInfo<FieldLength>& info) {
+                           return std::string(info.param.name);
+                         });
 
 TEST(TSReader, FlagsOfTheAdaptationField) {
   Header h = read_header(hex("47 01 00 30 01 C0"));

@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <ostream>
+#include <string>
+
 #include "foundation/channel/block_reader.h"
 #include "foundation/channel/block_writer.h"
 #include "foundation/channel/string_writer.h"
@@ -52,49 +55,48 @@ TSPacket on_pid(uint16_t pid) {
   return packet;
 }
 
-TEST(TSWriter, FullPayloadHasNoAdaptationField) {
-  Written w = write_packet(on_pid(0x100), 184, 5);
-  ASSERT_TRUE(w.ok);
-  EXPECT_EQ(w.payload_length, 184);
-  EXPECT_EQ(w.continuity, 6);
-  EXPECT_EQ(w.bytes, concat({hex("47 01 00 15"), counting(184)}));
+// A payload of some size on one packet, and the adaptation field that fills the rest.
+struct Filling {
+  const char* name;
+  int32_t waiting;
+  int32_t continuity;  // the counter after the packet, from 5
+  Bytes bytes;
+};
+
+void PrintTo(const Filling& filling, std::ostream* out) {
+  *out << filling.name;
 }
+
+class TSWriterAdaptation : public ::testing::TestWithParam<Filling> {};
+
+TEST_P(TSWriterAdaptation, FieldFillsWhatThePayloadLeaves) {
+  const Filling& filling = GetParam();
+  Written w = write_packet(on_pid(0x100), filling.waiting, 5);
+  ASSERT_TRUE(w.ok);
+  EXPECT_EQ(w.payload_length, filling.waiting);
+  EXPECT_EQ(w.continuity, filling.continuity);
+  EXPECT_EQ(w.bytes, filling.bytes);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Lengths, TSWriterAdaptation,
+    ::testing::Values(
+        Filling{"FullPayloadHasNoField", 184, 6, concat({hex("47 01 00 15"), counting(184)})},
+        Filling{"PayloadOf183HasAnEmptyField", 183, 6,
+                concat({hex("47 01 00 35 00"), counting(183)})},
+        Filling{"PayloadOf182HasAFlagsByteAndNoStuffing", 182, 6,
+                concat({hex("47 01 00 35 01 00"), counting(182)})},
+        Filling{"PayloadOfOneByteIsStuffedWith181Bytes", 1, 6,
+                concat({hex("47 01 00 35 B6 00"), stuffing(181), counting(1)})},
+        // 0x20 set, 0x10 clear, continuity field 0, and the counter kept.
+        Filling{"EmptyPayloadIsAllField", 0, 5, concat({hex("47 01 00 20 B7 00"), stuffing(182)})}),
+    [](const ::testing::TestParamInfo<Filling>& info) { return std::string(info.param.name); });
 
 TEST(TSWriter, LongerPayloadIsCutToOnePacket) {
   Written w = write_packet(on_pid(0x100), 300, 5);
   ASSERT_TRUE(w.ok);
   EXPECT_EQ(w.payload_length, 184);
   EXPECT_EQ(w.bytes.size(), 188u);
-}
-
-TEST(TSWriter, PayloadOf183HasAnEmptyAdaptationField) {
-  Written w = write_packet(on_pid(0x100), 183, 5);
-  ASSERT_TRUE(w.ok);
-  EXPECT_EQ(w.payload_length, 183);
-  EXPECT_EQ(w.bytes, concat({hex("47 01 00 35 00"), counting(183)}));
-}
-
-TEST(TSWriter, PayloadOf182HasAFlagsByteAndNoStuffing) {
-  Written w = write_packet(on_pid(0x100), 182, 5);
-  ASSERT_TRUE(w.ok);
-  EXPECT_EQ(w.payload_length, 182);
-  EXPECT_EQ(w.bytes, concat({hex("47 01 00 35 01 00"), counting(182)}));
-}
-
-TEST(TSWriter, PayloadOfOneByteIsStuffedWith181Bytes) {
-  Written w = write_packet(on_pid(0x100), 1, 5);
-  ASSERT_TRUE(w.ok);
-  EXPECT_EQ(w.payload_length, 1);
-  EXPECT_EQ(w.bytes, concat({hex("47 01 00 35 B6 00"), stuffing(181), counting(1)}));
-}
-
-TEST(TSWriter, EmptyPayloadGivesAllAdaptationAndKeepsTheCounter) {
-  Written w = write_packet(on_pid(0x100), 0, 5);
-  ASSERT_TRUE(w.ok);
-  EXPECT_EQ(w.payload_length, 0);
-  EXPECT_EQ(w.continuity, 5);
-  // 0x20 set, 0x10 clear, continuity field 0.
-  EXPECT_EQ(w.bytes, concat({hex("47 01 00 20 B7 00"), stuffing(182)}));
 }
 
 TEST(TSWriter, PcrWith300BytesWaitingCarries176) {

@@ -1,26 +1,19 @@
 #include "foundation/file/in_stream.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <cstdlib>
 #include <string>
 
 #include "foundation/file/out_stream.h"
 #include "foundation/file/path.h"
+#include "support/scratch_dir.h"
 
 namespace Korvix::File {
 namespace {
 
-std::string temp_name() {
-  char name[] = "/tmp/vdx_stream_test_XXXXXX";
-  int fd = mkstemp(name);
-  if (fd >= 0) close(fd);
-  return name;
-}
-
 TEST(InStream, ReadsBytesUnchanged) {
-  std::string name = temp_name();
+  Veldrin::Testing::ScratchDir dir;
+  const std::string name = dir.file("stream");
   std::string bytes("\r\n\0\x1a\xff", 5);
   ASSERT_TRUE(Path(name).write_all(bytes));
   InStream in(name);
@@ -29,7 +22,6 @@ TEST(InStream, ReadsBytesUnchanged) {
   in.read(got, 8);
   EXPECT_EQ(in.gcount(), 5);
   EXPECT_EQ(std::string(got, 5), bytes);
-  Path(name).erase();
 }
 
 TEST(InStream, MissingFileIsFailed) {
@@ -39,7 +31,8 @@ TEST(InStream, MissingFileIsFailed) {
 }
 
 TEST(OutStream, TruncatesAndWritesBinary) {
-  std::string name = temp_name();
+  Veldrin::Testing::ScratchDir dir;
+  const std::string name = dir.file("stream");
   ASSERT_TRUE(Path(name).write_all("0123456789"));
   {
     OutStream out(Path{name});
@@ -49,7 +42,6 @@ TEST(OutStream, TruncatesAndWritesBinary) {
   std::string text;
   ASSERT_TRUE(Path(name).read_all(text));
   EXPECT_EQ(text, std::string("\n\0\n", 3));
-  Path(name).erase();
 }
 
 }  // namespace

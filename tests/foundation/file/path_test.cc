@@ -7,22 +7,17 @@
 #include <cstdlib>
 #include <string>
 
+#include "support/scratch_dir.h"
+
 namespace Korvix::File {
 namespace {
 
-// A fresh directory below /tmp, removed with everything in it at the end of the test.
+// Each test works in a fresh directory, removed with everything in it at its end.
 class PathTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    char name[] = "/tmp/vdx_path_test_XXXXXX";
-    ASSERT_NE(mkdtemp(name), nullptr);
-    dir = name;
-  }
-  void TearDown() override { Path(dir).erase(); }
+  std::string in_dir(const std::string& name) const { return Path(scratch.path, name).path; }
 
-  std::string in_dir(const std::string& name) const { return Path(dir, name).path; }
-
-  std::string dir;
+  Veldrin::Testing::ScratchDir scratch;
 };
 
 TEST_F(PathTest, LengthOfMissingPathIsZero) {
@@ -49,8 +44,8 @@ TEST_F(PathTest, ExistsAndIsDirTellFilesFromDirectories) {
   ASSERT_TRUE(file.touch(0644));
   EXPECT_TRUE(file.exists());
   EXPECT_FALSE(file.is_dir());
-  EXPECT_TRUE(Path(dir).exists());
-  EXPECT_TRUE(Path(dir).is_dir());
+  EXPECT_TRUE(Path(scratch.path).exists());
+  EXPECT_TRUE(Path(scratch.path).is_dir());
 }
 
 TEST_F(PathTest, ReadableAndWriteableFollowOpen) {
