@@ -164,7 +164,7 @@ struct PipedRun {
 // Runs vdxindex on standard input with the copies 0 to copies - 1 of the stream written into a
 // pipe as the tool reads them.
 PipedRun index_copies(const RepeatedStream& stream, uint64_t copies, const std::string& index,
-                      const TempDir& dir) {
+                      const ScratchDir& dir) {
   PipedRun run;
   int pipe_ends[2];
   if (::pipe(pipe_ends) != 0) return run;
@@ -271,7 +271,7 @@ TEST(LargeInput, OffsetsPastFourGibibytesReachTheIndexThroughStandardInputWithFl
   ASSERT_GT(copies * size, FOUR_GIB);
   const uint64_t small_copies = 32;
 
-  TempDir dir;
+  ScratchDir dir;
   const PipedRun small = index_copies(stream, small_copies, dir.file("small.vdx2"), dir);
   ASSERT_EQ(small.status, 0) << small.err;
   const PipedRun large = index_copies(stream, copies, dir.file("large.vdx2"), dir);
