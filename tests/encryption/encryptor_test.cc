@@ -589,5 +589,40 @@ TEST(Encryptor, AFailureBehindTheStageLeavesThePacketAtTheHeadToBeEncipheredAndW
   EXPECT_EQ(cipher.calls, 2);
 }
 
+TEST(Encryptor, AudioIsEncipheredFromItsFirstByteUpToItsLastWholeBlock) {
+  // NIST SP 800-38A, F.1.1 ECB-AES128: four blocks of plain text and what the key makes of them.
+  const Bytes plain = hex(
+      "6bc1bee22e409f96e93d7e117393172a ae2d8a571e03ac9c9eb76fac45af8e51"
+      "30c81c46a35ce411e5fbc1191a0a52ef f69f2445df4f9b17ad2b417be66c3710");
+  const Bytes cipher_text = hex(
+      "3ad77bb40d7a3660a89ecaf32466ef97 f5d3d58503b9699de785895a96fdbaaf"
+      "43b1cd7f598ece23881b00e3ed030688 7b0c785e27e8ad3f8223207104725dd4");
+  IndexGen::AESPacketEncryptor cipher("2b7e151628aed2a6abf7158809cf4f3c", {});
+  std::string out;
+  Korvix::Channel::StringWriter writer(out);
+  Encryptor encryptor(cipher, writer);
+  Collector collector;
+  encryptor.attach(&collector);
+  for (TSPacket p : {packet(0, PAT, true), packet(PMT_PID, PMT_VIDEO_AUDIO, true)})
+    encryptor.process(p);
+  // A PES header at the front is enciphered with the rest; the 15 bytes behind the last whole
+  // block stay as they are.
+  const Bytes tail = hex("00 00 01 C0 00 10 80 00 00 AA BB CC DD EE FF");
+  TSPacket audio = packet(AUDIO, concat({plain, tail}), true, 3);
+  encryptor.process(audio);
+  TSPacket short_audio = packet(AUDIO, tail, false, 4);
+  encryptor.process(short_audio);
+
+  ASSERT_EQ(collector.packets.size(), 5u);
+  const TSPacket& enciphered = collector.packets[3];
+  EXPECT_EQ(Bytes(enciphered.payload.begin(), enciphered.payload.end()), concat({cipher_text, tail}));
+  EXPECT_EQ(enciphered.scrambling_control, 2);
+  const Bytes bytes(out.begin(), out.end());
+  EXPECT_EQ(Bytes(bytes.begin() + 3 * 188, bytes.begin() + 4 * 188),
+            raw(AUDIO, true, 2, 3, concat({cipher_text, tail})));
+  // Without a whole block nothing changes, but the packet is marked all the same.
+  EXPECT_EQ(Bytes(bytes.begin() + 4 * 188, bytes.end()), raw(AUDIO, false, 2, 4, tail));
+}
+
 }  // namespace
 }  // namespace Veldrin::Testing
