@@ -6,6 +6,8 @@
 #include "encryption/h264_encryption_marker.h"
 #include "encryption/key_list.h"
 #include "encryption/mpeg2_encryption_marker.h"
+#include "foundation/channel/block_writer.h"
+#include "foundation/channel/error.h"
 #include "transport/section_writer.h"
 #include "transport/table_packets.h"
 #include "transport/ts_writer.h"
@@ -127,13 +129,20 @@ bool Encryptor::handle_pmt(MarkedPacket& packet) {
 }
 
 void Encryptor::drain() {
-  TSWriter writer(output);
   while (!queue.empty() && queue.front().ready) {
     MarkedPacket& head = queue.front();
     if (head.encrypt) packet_encryptor.encrypt(head);
     // The header comes from the record with its own continuity counter; adaptation field data
     // that the record doesn't hold isn't reproduced, and a payload longer than a packet is cut.
-    writer.write_record(head);
+    // The packet is made whole first and goes to the output in one write; an output that fails
+    // loses it, and the run goes on.
+    unsigned char bytes[TS_PACKET_SIZE];
+    Korvix::Channel::BlockWriter block(bytes, sizeof bytes);
+    TSWriter(block).write_record(head);
+    try {
+      output.write(bytes, static_cast<size_t>(block.offset));
+    } catch (const Korvix::Channel::Error&) {
+    }
     for (TSPipe* pipe : pipes) pipe->process(head);
     const uint64_t drained_offset = head.offset;
     queue.pop_front();

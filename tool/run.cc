@@ -32,6 +32,8 @@ namespace {
 
 // The input is fed to the chain in chunks of this size, through one reused buffer.
 constexpr size_t CHUNK_SIZE = 65536;
+// The encrypted copy is written through a buffer of this size.
+constexpr size_t ENCRYPTED_BUFFER_SIZE = 1 << 20;
 
 // The index writer of the run, of one format or the other, reachable to the end of the process.
 struct RunWriter {
@@ -169,6 +171,7 @@ int run(int argc, char** argv) {
 
   // The encrypted copy: the certificates that can be read, in order, each failure said and
   // skipped; then the output, which is written to whether or not it could be opened.
+  std::vector<char> encrypted_buffer;  // outlives the stream that writes through it
   std::unique_ptr<std::ofstream> encrypted_file;
   std::unique_ptr<Korvix::Channel::StreamWriter> encrypted_writer;
   std::unique_ptr<IndexGen::AESPacketEncryptor> packet_encryptor;
@@ -190,8 +193,13 @@ int run(int argc, char** argv) {
       }
       certificates.push_back(std::move(certificate));
     }
-    encrypted_file = std::make_unique<std::ofstream>(
-        settings.encrypt_file, std::ios::out | std::ios::binary | std::ios::trunc);
+    // A buffer of its own spares the copy, which is as large as the input, a system call
+    // every few kilobytes.
+    encrypted_buffer.resize(ENCRYPTED_BUFFER_SIZE);
+    encrypted_file = std::make_unique<std::ofstream>();
+    encrypted_file->rdbuf()->pubsetbuf(encrypted_buffer.data(),
+                                       static_cast<std::streamsize>(encrypted_buffer.size()));
+    encrypted_file->open(settings.encrypt_file, std::ios::out | std::ios::binary | std::ios::trunc);
     if (encrypted_file->fail()) {
       int error = errno;
       log.error << "Can't open encrypted output file: " << std::strerror(error) << std::endl;
