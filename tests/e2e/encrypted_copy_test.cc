@@ -245,6 +245,23 @@ TEST(EncryptedCopy, AnExistingOutputIsTruncated) {
   EXPECT_TRUE(work.read("out.ts") == work.read("in.ts"));
 }
 
+TEST(EncryptedCopy, ALostSynchronisationLeavesInTheCopyWhatWasWritten) {
+  // The offset file has the first 500 packets of the input: the 501st has no partner, in the
+  // second chunk of the input, so the run ends with status 9; the stage stands behind the
+  // offset synchronisation and has written every packet before it.
+  const std::string input = make_packets(0x100, 1100);
+  Workspace work(input);
+  write_file(work.dir.file("off.ts"), input.substr(0, 500 * 188));
+  RunResult result = run_vdxindex({"-e", "out.ts", "-O", "off.ts", "in.ts"}, work.dir.path);
+  EXPECT_EQ(result.status, 9);
+  EXPECT_EQ(result.err, BANNER + "Indexing in.ts into in.ts.vdx2\n"
+                                 "Syncing to off.ts for offsets\n"
+                                 "Output index format: VDX2\n"
+                                 "Encrypting to file out.ts\n"
+                                 "Could not synchronise with offset file. Aborting.\n");
+  EXPECT_TRUE(work.read("out.ts") == input.substr(0, 500 * 188));
+}
+
 TEST(EncryptedCopy, TheKeyAndCertificatesHaveNoEffectWithoutTheCopy) {
   Workspace work(make_packets(0x100, 1100));
   RunResult result = run_vdxindex({"-Ek", "00112233", "-Ee", "missing.pem", "in.ts"}, work.dir.path);
