@@ -156,7 +156,8 @@ void IndexWriter::add_reference(const IndexGen::CapturedPacket& captured) {
 void IndexWriter::add_inline(const IndexGen::CapturedPacket& captured) {
   in_group = true;
   int32_t continuity = captured.packet.continuity_counter;
-  std::string packets = IndexGen::packetise(captured.packet, continuity);
+  std::string& packets = packet_bytes;
+  IndexGen::packetise(captured.packet, continuity, packets);
   const size_t n = packets.size() / IndexGen::TS_PACKET_SIZE;
   if (packets.size() > static_cast<size_t>(IndexGen::TS_PACKET_SIZE)) {
     // Start low enough that the last packet keeps the packet's own counter. The counter may go
@@ -166,7 +167,7 @@ void IndexWriter::add_inline(const IndexGen::CapturedPacket& captured) {
       continuity -= 1;
       if (continuity >= 16) continuity = 15;
     }
-    packets = IndexGen::packetise(captured.packet, continuity);
+    IndexGen::packetise(captured.packet, continuity, packets);
   }
 
   if (packets.empty()) {

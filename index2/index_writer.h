@@ -41,6 +41,7 @@ class IndexWriter : public IndexGen::IndexWriter {
   std::unique_ptr<Korvix::Channel::StreamWriter> writer;  // on index_stream; the open state
   std::string tables;
   std::string preamble;
+  std::string packet_bytes;  // an inline packet's bytes, in a string that keeps its room
   uint32_t flags;
   uint32_t block_size;
   std::list<Block> pending;

@@ -109,7 +109,10 @@ int32_t FrameCapture::emit(Group begin, Group end) {
         ++count;
         if (dumping) dump_buffer += tables;
       }
-      record.data = packetise(record.packet, continuity);
+      // The bytes are built in a string kept for the purpose and lent to the record while the
+      // writer takes them, so that no packet needs a string of its own.
+      packetise(record.packet, continuity, packet_bytes);
+      record.data.swap(packet_bytes);
       if (dumping) dump_buffer += record.data;
       if (record.ends_frame()) {
         if (dumping) {
@@ -119,6 +122,7 @@ int32_t FrameCapture::emit(Group begin, Group end) {
       }
     }
     writer->add_packet(record);
+    if (record.state != PACKET_SKIPPED) record.data.swap(packet_bytes);
   }
   return count;
 }

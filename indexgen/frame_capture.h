@@ -46,6 +46,7 @@ class FrameCapture {
   HeldQueue<CapturedPacket> queue;  // records never move while a parser holds them
   int32_t continuity = 0;           // of the packets rendered for the current frame
   bool in_frame = false;            // a frame's start marker has met no end marker yet
+  std::string packet_bytes;         // a record's packets while the writer takes them
   std::string dump_buffer;          // the frame under way, in dump mode
   std::string tables;               // what goes ahead of a frame in the dump
 

@@ -30,7 +30,7 @@ BlockReader reader_on(const std::string& bytes) {
 }  // namespace
 
 void H264Parser::parse(CapturedPacket& r) {
-  std::vector<unsigned char>& payload = r.packet.payload;
+  Payload& payload = r.packet.payload;
   if (r.packet.scrambling_control != 0) {
     // The open frame takes in the scrambled packet to its last byte; a collected unit is lost.
     scanner.forget();
@@ -108,9 +108,11 @@ bool H264Parser::frame_num_changed() {
 }
 
 void H264Parser::end_capture() {
-  log.detail << "[end capture";
-  if (capture_end != nullptr) log.detail << " (offset: " << capture_end->packet.offset << ")";
-  log.detail << "]\n";
+  if (log.detail.enabled()) {
+    log.detail << "[end capture";
+    if (capture_end != nullptr) log.detail << " (offset: " << capture_end->packet.offset << ")";
+    log.detail << "]\n";
+  }
   if (capture_end != nullptr) {
     capture_end->add_marker(capture_end_position, true);
     capture_end->state = PACKET_FREE;
@@ -126,8 +128,11 @@ void H264Parser::unit_step(CapturedPacket& r, uint8_t b, const StartCode& code, 
   CapturedPacket* start_record = start.in_previous ? previous : &r;
   const uint8_t type = b & 31;
   const bool reference = (b & 0x60) != 0;
-  log.detail << "H.264 unit type: " << std::hex << static_cast<int>(type) << std::dec
-             << (reference ? " REF IDC" : "") << " (offset: " << r.packet.offset << ")\n";
+  // A trace line for every unit: built only when it goes somewhere.
+  if (log.detail.enabled()) {
+    log.detail << "H.264 unit type: " << std::hex << static_cast<int>(type) << std::dec
+               << (reference ? " REF IDC" : "") << " (offset: " << r.packet.offset << ")\n";
+  }
 
   if (collecting(state)) finish_unit(code.prefix_length);
   if (in_capture(state)) {

@@ -5,7 +5,7 @@
 namespace Veldrin::IndexGen {
 
 void MPEG2Parser::parse(CapturedPacket& packet) {
-  std::vector<unsigned char>& payload = packet.packet.payload;
+  Payload& payload = packet.packet.payload;
   if (packet.packet.scrambling_control != 0) {
     // A prefix can't run across a packet that we can't read.
     scanner.forget();

@@ -13,7 +13,7 @@ namespace Veldrin::IndexGen {
 namespace {
 
 // Deletes count bytes from index at on, within the bounds of the payload.
-void erase_bytes(std::vector<unsigned char>& payload, int64_t at, int64_t count) {
+void erase_bytes(Payload& payload, int64_t at, int64_t count) {
   const int64_t size = static_cast<int64_t>(payload.size());
   if (at < 0) at = 0;
   if (at > size) at = size;
@@ -26,7 +26,7 @@ void erase_bytes(std::vector<unsigned char>& payload, int64_t at, int64_t count)
 
 bool strip_time_stamps(CapturedPacket& record) {
   if (record.pes_header_length == 0) return false;
-  std::vector<unsigned char>& payload = record.packet.payload;
+  Payload& payload = record.packet.payload;
   if (payload.size() < PES_FIXED_HEADER_SIZE) {
     Korvix::Log::Error error;
     error << "Could not clear PTS and DTS from PES"
@@ -59,7 +59,7 @@ bool strip_time_stamps(CapturedPacket& record) {
 
 void apply_markers(CapturedPacket& record) {
   if (record.markers.empty()) return;
-  std::vector<unsigned char>& payload = record.packet.payload;
+  Payload& payload = record.packet.payload;
   const size_t old_size = payload.size();
   // Index of the last byte kept so far; -1 keeps all to the end.
   int64_t kept_to = static_cast<int64_t>(record.pes_header_length) - 1;
@@ -85,7 +85,7 @@ void apply_markers(CapturedPacket& record) {
 }
 
 bool insert_pts(CapturedPacket& record) {
-  std::vector<unsigned char>& payload = record.packet.payload;
+  Payload& payload = record.packet.payload;
   if (record.packet.pcr < 0.0 || record.pes_header_length == 0 ||
       payload.size() < PES_FIXED_HEADER_SIZE + TIME_STAMP_SIZE) {
     return false;
@@ -122,7 +122,7 @@ void set_pes_length(CapturedPacket& first, uint32_t total) {
   // Below 6 bytes, or too long for the field: unbounded.
   const uint32_t length = total - 6;
   const uint32_t value = length <= 0xFFFF ? length : 0;
-  std::vector<unsigned char>& payload = first.packet.payload;
+  Payload& payload = first.packet.payload;
   if (payload.size() < PES_LENGTH_INDEX + 2) return;
   const uint32_t old_value =
       (static_cast<uint32_t>(payload[PES_LENGTH_INDEX]) << 8) | payload[PES_LENGTH_INDEX + 1];

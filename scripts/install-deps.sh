@@ -3,8 +3,10 @@
 # already, so that a prepared machine (or a CI rerun) doesn't wait for apt.
 set -euo pipefail
 
+# The fuzz targets need clang; on Debian 12 its libFuzzer and sanitizer runtimes come in
+# libclang-rt-14-dev, which clang doesn't pull in without the recommended packages.
 packages=(cmake g++ make libgtest-dev libbenchmark-dev libssl-dev openssl ffmpeg pkg-config clang-format
-  mandoc man-db jq python3 dpkg-dev)
+  mandoc man-db jq python3 dpkg-dev clang libclang-rt-14-dev)
 
 missing=()
 for package in "${packages[@]}"; do

@@ -4,13 +4,15 @@
 #include <cstddef>
 #include <iterator>
 #include <list>
+#include <tuple>
 #include <utility>
 
 namespace Veldrin::IndexGen {
 
 // A first-in, first-out queue of records that never move while they are in it, so that a
 // parser or a marker may keep a pointer to a record it still needs. Records are added at the
-// back and leave from the front only.
+// back and leave from the front only. The nodes of records that left are kept and used again,
+// so that a queue that has reached its usual length allocates nothing more.
 template <typename Record>
 class HeldQueue {
  public:
@@ -19,14 +21,21 @@ class HeldQueue {
 
   template <typename... Arguments>
   Record& emplace_back(Arguments&&... arguments) {
-    return records.emplace_back(std::forward<Arguments>(arguments)...);
+    if (spare.empty()) return records.emplace_back(std::forward<Arguments>(arguments)...);
+    records.splice(records.end(), spare, spare.begin());
+    Record& record = records.back();
+    record = std::make_from_tuple<Record>(
+        std::forward_as_tuple(std::forward<Arguments>(arguments)...));
+    return record;
   }
   Record& front() { return records.front(); }
   const Record& front() const { return records.front(); }
   Record& back() { return records.back(); }
-  void pop_front() { records.pop_front(); }
+  void pop_front() { spare.splice(spare.end(), records, records.begin()); }
   // Removes the records from the front up to, not including, end.
-  void pop_front_until(const_iterator end) { records.erase(records.cbegin(), end); }
+  void pop_front_until(const_iterator end) {
+    spare.splice(spare.end(), records, records.cbegin(), end);
+  }
 
   bool empty() const { return records.empty(); }
   size_t size() const { return records.size(); }
@@ -37,6 +46,7 @@ class HeldQueue {
 
  private:
   std::list<Record> records;
+  std::list<Record> spare;  // nodes of records that left, with their old contents
 };
 
 }  // namespace Veldrin::IndexGen

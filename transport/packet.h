@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "transport/payload.h"
+
 namespace Veldrin::IndexGen {
 
 // The one record that travels between stages: the fields kept of a 188-byte transport packet.
@@ -15,7 +17,7 @@ struct TSPacket {
   int32_t scrambling_control = 0;
   double pcr = -1.0;  // seconds; -1.0 when the packet has none
   int32_t continuity_counter = 0;
-  std::vector<unsigned char> payload;
+  Payload payload;
   uint64_t offset = 0;  // position of the sync byte in the stream the offsets refer to
 };
 

@@ -3,6 +3,7 @@
 
 #include <vector>
 
+#include "transport/payload.h"
 #include "transport/sections.h"
 
 namespace Veldrin::IndexGen {
@@ -18,6 +19,10 @@ class SectionAssembler {
   SectionStatus add(const std::vector<unsigned char>& payload, PATSection& pat);
   SectionStatus add(const std::vector<unsigned char>& payload, PMTSection& pmt);
   SectionStatus add(const std::vector<unsigned char>& payload, CATSection& cat);
+  // The same for a packet's payload as it stands, without a copy.
+  SectionStatus add(const Payload& payload, PATSection& pat);
+  SectionStatus add(const Payload& payload, PMTSection& pmt);
+  SectionStatus add(const Payload& payload, CATSection& cat);
 
   std::vector<unsigned char> data;  // the bytes gathered since the last section
 };

@@ -2,6 +2,10 @@
 
 #include <cstring>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 namespace Veldrin::IndexGen {
 
 StartCode StartCodeScanner::find(const unsigned char* data, size_t from, size_t to) {
@@ -12,19 +16,13 @@ StartCode StartCodeScanner::find(const unsigned char* data, size_t from, size_t 
   size_t i = from;
   while (i < to) {
     if (prefix == 0) {
-      // Without a prefix under way only a zero byte can begin one, and the bytes ahead of it
-      // change nothing but last_byte, which the zero then replaces.
-      const void* zero = std::memchr(data + i, 0, to - i);
-      if (zero == nullptr) {
+      // Without a prefix under way a start code can only begin at two zero bytes in a row, or
+      // at a zero that ends the range. A zero followed by anything else leaves no prefix, and
+      // the bytes passed over change nothing but last_byte.
+      const size_t at = zero_pair(data, i, to);
+      if (at == to) {
         last = data[to - 1];
         break;
-      }
-      const size_t at = static_cast<size_t>(static_cast<const unsigned char*>(zero) - data);
-      if (at + 1 < to && data[at + 1] != 0) {
-        // A single zero begins nothing: the byte behind it leaves no prefix either.
-        last = data[at + 1];
-        i = at + 2;
-        continue;
       }
       i = at + 1;
       prefix = 1;
@@ -51,6 +49,32 @@ StartCode StartCodeScanner::find(const unsigned char* data, size_t from, size_t 
   prefix_length = prefix;
   last_byte = last;
   return StartCode{to, 0};
+}
+
+size_t StartCodeScanner::zero_pair(const unsigned char* data, size_t from, size_t to) {
+  size_t i = from;
+#if defined(__SSE2__)
+  // Sixteen places at a time: a zero byte at a place and another behind it. Only bytes before
+  // `to` are loaded.
+  const __m128i zero = _mm_setzero_si128();
+  while (to - i >= 17) {
+    const __m128i here = _mm_loadu_si128(reinterpret_cast<const __m128i*>(data + i));
+    const __m128i next = _mm_loadu_si128(reinterpret_cast<const __m128i*>(data + i + 1));
+    const __m128i both = _mm_and_si128(_mm_cmpeq_epi8(here, zero), _mm_cmpeq_epi8(next, zero));
+    const auto mask = static_cast<unsigned>(_mm_movemask_epi8(both));
+    if (mask != 0) return i + static_cast<size_t>(__builtin_ctz(mask));
+    i += 16;
+  }
+#endif
+  // The rest, or everything where there is no SSE2: memchr finds the zeros.
+  while (i < to) {
+    const void* found = std::memchr(data + i, 0, to - i);
+    if (found == nullptr) return to;
+    const size_t at = static_cast<size_t>(static_cast<const unsigned char*>(found) - data);
+    if (at + 1 == to || data[at + 1] == 0) return at;
+    i = at + 2;
+  }
+  return to;
 }
 
 StartCode StartCodeScanner::find_byte_by_byte(const unsigned char* data, size_t from, size_t to) {

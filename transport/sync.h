@@ -8,6 +8,7 @@
 #include <string>
 
 #include "foundation/channel/stream_reader.h"
+#include "transport/pid_counts.h"
 #include "transport/pipe.h"
 #include "transport/ts_reader.h"
 
@@ -35,9 +36,9 @@ class SyncPipe : public TSPipe {
   std::unique_ptr<Korvix::Channel::StreamReader> reader;  // on file; its offset is the position
   std::unique_ptr<TSReader> ts_reader;                    // on reader
   double input_pcr = -1.0;
-  std::map<uint16_t, uint64_t> input_counts;
+  PidCounts input_counts;  // packets of each PID since input_pcr
   double file_pcr = -1.0;
-  std::map<uint16_t, uint64_t> file_counts;
+  PidCounts file_counts;  // packets of each PID of the offset file since file_pcr
 };
 
 }  // namespace Veldrin::IndexGen

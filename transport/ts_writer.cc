@@ -85,9 +85,15 @@ bool TSWriter::write_record(const TSPacket& packet) {
 }
 
 std::string packetise(const TSPacket& packet, int32_t& continuity) {
+  std::string out;
+  packetise(packet, continuity, out);
+  return out;
+}
+
+void packetise(const TSPacket& packet, int32_t& continuity, std::string& out) {
   TSPacket header = header_fields(packet);
 
-  std::string out;
+  out.clear();
   constexpr size_t payload_max = TS_PAYLOAD_MAX;
   out.reserve(((packet.payload.size() + payload_max - 1) / payload_max + 1) * TS_PACKET_SIZE);
   Korvix::Channel::StringWriter writer(out);
@@ -109,7 +115,6 @@ std::string packetise(const TSPacket& packet, int32_t& continuity) {
     header.discontinuity = false;
     header.pcr = -1.0;
   }
-  return out;
 }
 
 }  // namespace Veldrin::IndexGen

@@ -28,6 +28,9 @@ class TSWriter {
 
 // Whole packets that carry all of packet.payload; continuity advances as write_packet does.
 std::string packetise(const TSPacket& packet, int32_t& continuity);
+// The same into out, which is emptied first: a string kept for the purpose keeps its room, so
+// that packetising a record on the hot path takes no heap.
+void packetise(const TSPacket& packet, int32_t& continuity, std::string& out);
 
 }  // namespace Veldrin::IndexGen
 

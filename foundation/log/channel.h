@@ -1,6 +1,7 @@
 #ifndef KORVIX_LOG_CHANNEL_H
 #define KORVIX_LOG_CHANNEL_H
 
+#include <cstdint>
 #include <mutex>
 
 #include "foundation/log/message.h"
@@ -14,6 +15,12 @@ class Channel {
   Channel(const Channel&) = delete;
   Channel& operator=(const Channel&) = delete;
   virtual void log(Message& message) = 0;
+  // Whether a line of this level would get past every filter to some sink. Streams ask it
+  // before they build a line, so that a line nobody takes costs nothing more.
+  virtual bool accepts(int32_t level) {
+    (void)level;
+    return true;
+  }
   virtual ~Channel() = default;
 
  protected:

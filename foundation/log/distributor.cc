@@ -16,6 +16,12 @@ void Distributor::disconnect(Channel& channel) {
   channels.erase(std::remove(channels.begin(), channels.end(), &channel), channels.end());
 }
 
+bool Distributor::accepts(int32_t level) {
+  std::lock_guard<std::mutex> lock(mutex);
+  return std::any_of(channels.begin(), channels.end(),
+                     [level](Channel* channel) { return channel->accepts(level); });
+}
+
 void Distributor::log(Message& message) {
   std::lock_guard<std::mutex> lock(mutex);
   for (Channel* channel : channels) channel->log(message);

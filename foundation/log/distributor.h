@@ -14,6 +14,7 @@ class Distributor : public Channel {
   // Removes every entry equal to channel.
   void disconnect(Channel& channel);
   void log(Message& message) override;
+  bool accepts(int32_t level) override;
 
   std::vector<Channel*> channels;
 };

@@ -9,6 +9,7 @@ namespace Korvix::Log {
 class Filter : public Channel {
  public:
   explicit Filter(Channel& next_) : next(next_) {}
+  bool accepts(int32_t level) override { return next.accepts(level); }
 
   Channel& next;
 };

@@ -14,6 +14,9 @@ class LevelFilter : public Filter {
   void log(Message& message) override {
     if (message.level <= level) next.log(message);
   }
+  bool accepts(int32_t message_level) override {
+    return message_level <= level && next.accepts(message_level);
+  }
 
   int32_t level;
 };

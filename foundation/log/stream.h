@@ -33,6 +33,12 @@ class StreamBuf : public std::streambuf {
 // An output stream whose lines go to a log channel at a fixed level.
 class Stream : public std::ostream {
  public:
+  // Whether a line written now would reach a sink. Hot paths test it before they write a
+  // line, so that a line below the level is never formatted nor stamped.
+  bool enabled() {
+    const StreamBuf* line = static_cast<const StreamBuf*>(rdbuf());
+    return line->channel.accepts(line->level);
+  }
   Stream(Channel& channel, int32_t level);
   ~Stream() override;
 

@@ -172,5 +172,100 @@ TEST(StartCodeScanner, FastScanAgreesWithTheByteByByteReference) {
   EXPECT_GT(found, 1000u);
 }
 
+// Long runs without a zero, as in coded pictures, with start codes and lone zeros here and
+// there, scanned in pieces of any length: the many-bytes-at-a-time search agrees with the
+// reference, at every alignment.
+TEST(StartCodeScanner, FastScanAgreesWithTheReferenceOnSparseZeros) {
+  size_t found = 0;
+  for (uint32_t seed = 1; seed <= 40; ++seed) {
+    std::mt19937 random(seed);
+    Bytes bytes(20000);
+    for (unsigned char& b : bytes) b = static_cast<unsigned char>(2 + random() % 254);
+    for (int n = 0; n < 150; ++n) {
+      const size_t at = random() % (bytes.size() - 5);
+      switch (random() % 5) {
+        case 0: bytes[at] = 0; break;                                   // a lone zero
+        case 1: bytes[at] = bytes[at + 1] = 0; break;                   // a pair, no one
+        case 2: bytes[at] = bytes[at + 1] = 0, bytes[at + 2] = 1; break;
+        case 3: bytes[at] = bytes[at + 1] = bytes[at + 2] = 0, bytes[at + 3] = 1; break;
+        default: bytes[at] = 0, bytes[at + 1] = 1; break;               // one zero and a one
+      }
+    }
+    StartCodeScanner fast;
+    StartCodeScanner reference;
+    reference.byte_by_byte = true;
+    size_t at = 0;
+    while (at < bytes.size()) {
+      const size_t end = std::min(bytes.size(), at + 1 + random() % 400);
+      size_t from = at;
+      for (;;) {
+        const StartCode a = fast.find(bytes.data(), from, end);
+        const StartCode b = reference.find(bytes.data(), from, end);
+        ASSERT_EQ(a.index, b.index) << seed;
+        ASSERT_EQ(a.prefix_length, b.prefix_length) << seed;
+        ASSERT_EQ(fast.prefix_length, reference.prefix_length) << seed;
+        ASSERT_EQ(fast.last_byte, reference.last_byte) << seed;
+        if (!a.found()) break;
+        ++found;
+        from = a.index + 1;
+      }
+      at = end;
+    }
+  }
+  EXPECT_GT(found, 2000u);
+}
+
+// One start code cut into pieces of one byte each but the last: each piece is its own call,
+// as each payload is, and the value byte is found in the last.
+TEST(StartCodeScanner, PrefixSplitOverTwoThreeAndFourPayloads) {
+  for (const char* text : {"00 | 00 01 B3", "00 | 00 | 01 B3", "00 | 00 | 00 | 01 B3",
+                           "00 | 00 | 01 | B3"}) {
+    StartCodeScanner scanner;
+    std::vector<Bytes> pieces;
+    std::string rest = text;
+    for (size_t bar; (bar = rest.find('|')) != std::string::npos; rest = rest.substr(bar + 1)) {
+      pieces.push_back(hex(rest.substr(0, bar)));
+    }
+    pieces.push_back(hex(rest));
+    for (size_t n = 0; n + 1 < pieces.size(); ++n) {
+      EXPECT_TRUE(codes(scanner, pieces[n]).empty()) << text;
+    }
+    const int32_t zeros = text == std::string("00 | 00 | 00 | 01 B3") ? 4 : 3;
+    const size_t value = pieces.back().size() - 1;
+    EXPECT_EQ(codes(scanner, pieces.back()),
+              (Found{std::to_string(value) + "/" + std::to_string(zeros)}))
+        << text;
+  }
+}
+
+// Zeros at the end of a payload that is scanned fast, across a sixteen-byte stretch: the prefix
+// goes on into the next payload.
+TEST(StartCodeScanner, ZerosAtTheEndOfALongPayloadCarryOver) {
+  for (size_t length = 14; length <= 40; ++length) {
+    for (size_t zeros = 1; zeros <= 3; ++zeros) {
+      Bytes first(length, 0x55);
+      for (size_t z = 0; z < zeros; ++z) first[length - 1 - z] = 0;
+      StartCodeScanner scanner;
+      EXPECT_TRUE(codes(scanner, first).empty());
+      const Found expected = zeros == 1 ? Found{} : Found{"1/" + std::to_string(zeros + 1)};
+      EXPECT_EQ(codes(scanner, hex("01 B3 44")), expected) << length << " " << zeros;
+    }
+  }
+}
+
+// A packet that can't be read, between the bytes of a prefix, ends it: what follows it is no
+// start code.
+TEST(StartCodeScanner, ScrambledPacketBetweenTheBytesOfAPrefixEndsIt) {
+  StartCodeScanner scanner;
+  EXPECT_TRUE(codes(scanner, hex("47 47 00 00")).empty());
+  scanner.forget();
+  EXPECT_TRUE(codes(scanner, hex("01 B3 00 00")).empty());
+  scanner.forget();
+  EXPECT_TRUE(codes(scanner, hex("00 01 00")).empty());
+  // The counting starts again behind the next one.
+  scanner.forget();
+  EXPECT_EQ(codes(scanner, hex("00 00 01 B3")), (Found{"3/3"}));
+}
+
 }  // namespace
 }  // namespace Veldrin::IndexGen

@@ -51,5 +51,72 @@ TEST(LevelFilter, DetailLineReachesFilterOfTwoAndGoesNoFurther) {
   EXPECT_EQ(after.messages[1].level, 1);
 }
 
+TEST(LevelFilter, AcceptsLevelsUpToItsOwnOnly) {
+  CapturingChannel sink;
+  LevelFilter filter(sink, 2);
+  EXPECT_TRUE(filter.accepts(1));
+  EXPECT_TRUE(filter.accepts(2));
+  EXPECT_FALSE(filter.accepts(3));
+}
+
+TEST(LevelFilter, AcceptsOnlyWhatTheFiltersBehindItAccept) {
+  CapturingChannel sink;
+  LevelFilter inner(sink, 1);
+  LevelFilter outer(inner, 2);
+  EXPECT_TRUE(outer.accepts(1));
+  EXPECT_FALSE(outer.accepts(2));
+}
+
+// Counts the questions and the lines that reach it.
+class CountingChannel : public Channel {
+ public:
+  void log(Message&) override { ++lines; }
+  bool accepts(int32_t) override {
+    ++questions;
+    return true;
+  }
+
+  int lines = 0;
+  int questions = 0;
+};
+
+TEST(LevelFilter, StreamBelowTheLevelIsNotEnabledAndAsksNothingFurther) {
+  CountingChannel sink;
+  LevelFilter filter(sink, 2);
+  Distributor distributor;
+  distributor.connect(filter);
+  Detail detail(distributor);
+  EXPECT_FALSE(detail.enabled());
+  // The level test settles it: the sink behind the filter isn't asked.
+  EXPECT_EQ(sink.questions, 0);
+  Summary summary(distributor);
+  EXPECT_TRUE(summary.enabled());
+  EXPECT_EQ(sink.questions, 1);
+  EXPECT_EQ(sink.lines, 0);
+}
+
+TEST(LevelFilter, GuardedLineBelowTheLevelReachesNoChannel) {
+  CountingChannel before;
+  CountingChannel after;
+  LevelFilter filter(after, 2);
+  Distributor distributor;
+  distributor.connect(filter);
+  Detail detail(distributor);
+  if (detail.enabled()) detail << "unit " << 42 << "\n";
+  EXPECT_EQ(after.lines, 0);
+  // A channel that takes every level makes the same line go out.
+  distributor.connect(before);
+  EXPECT_TRUE(detail.enabled());
+  if (detail.enabled()) detail << "unit " << 42 << "\n";
+  EXPECT_EQ(before.lines, 1);
+  EXPECT_EQ(after.lines, 0);
+}
+
+TEST(LevelFilter, DistributorWithoutChannelsAcceptsNothing) {
+  Distributor distributor;
+  EXPECT_FALSE(distributor.accepts(1));
+  EXPECT_FALSE(Error(distributor).enabled());
+}
+
 }  // namespace
 }  // namespace Korvix::Log

@@ -1,0 +1,11 @@
+// The whole indexing chain from bytes to a VDX2 index, seeded with MPEG-2 streams.
+
+#include <cstddef>
+#include <cstdint>
+
+#include "fuzz/index_chain.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  Veldrin::Fuzz::run_index_chain(data, size, Veldrin::Fuzz::ChainFormat::VDX2);
+  return 0;
+}

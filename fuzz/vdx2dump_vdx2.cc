@@ -1,0 +1,11 @@
+// vdx2dump on VDX2 index files and the recording or frame file they refer to.
+
+#include <cstddef>
+#include <cstdint>
+
+#include "fuzz/vdx2dump_run.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  Veldrin::Fuzz::run_vdx2dump_on(data, size, "VDX2");
+  return 0;
+}
