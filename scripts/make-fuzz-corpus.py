@@ -482,6 +482,7 @@ def main():
         shutil.rmtree(CORPUS)
     chain_seeds("mpeg2_chain", MPEG2)
     chain_seeds("h264_chain", H264)
+    chain_seeds("encryptor", MPEG2[:2] + H264[:2])
     vdx_chain_seeds(MPEG2[:2] + H264[:2])
     sync_seeds()
     section_seeds()

@@ -5,8 +5,14 @@
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <string>
+#include <utility>
 #include <vector>
 
+#include "crypto/certificate.h"
+#include "encryption/encryptor.h"
+#include "encryption/packet_cipher.h"
+#include "foundation/channel/stream_writer.h"
 #include "foundation/file/path.h"
 #include "foundation/log/level_filter.h"
 #include "foundation/log/stream.h"
@@ -26,6 +32,8 @@ namespace {
 
 // The input is fed to the chain in chunks of this size, through one reused buffer.
 constexpr size_t CHUNK_SIZE = 65536;
+// The encrypted copy is written through a buffer of this size.
+constexpr size_t ENCRYPTED_BUFFER_SIZE = 1 << 20;
 
 // The index writer of the run, of one format or the other, reachable to the end of the process.
 struct RunWriter {
@@ -161,12 +169,48 @@ int run(int argc, char** argv) {
     last = sync.get();
   }
 
-  // The encryption stage plugs in here, between the offset synchronisation and the generator.
-  // With settings.encrypt it reads a certificate from each of settings.key_encrypt_files
-  // (reporting and skipping those it can't use), opens settings.encrypt_file, logs "Encrypting
-  // to file ", makes the StreamWriter, the packet encryptor with settings.key_text and the
-  // certificates, and the Encryptor, and attaches that to last. Until the stage exists the
-  // options are only held: nothing is opened and nothing claims to be encrypted.
+  // The encrypted copy: the certificates that can be read, in order, each failure said and
+  // skipped; then the output, which is written to whether or not it could be opened.
+  std::vector<char> encrypted_buffer;  // outlives the stream that writes through it
+  std::unique_ptr<std::ofstream> encrypted_file;
+  std::unique_ptr<Korvix::Channel::StreamWriter> encrypted_writer;
+  std::unique_ptr<IndexGen::AESPacketEncryptor> packet_encryptor;
+  std::unique_ptr<IndexGen::Encryptor> encryptor;
+  if (settings.encrypt) {
+    std::vector<Korvix::Crypto::Certificate> certificates;
+    for (const std::string& name : settings.key_encrypt_files) {
+      std::ifstream file(name, std::ios::in | std::ios::binary);
+      if (file.fail()) {
+        int error = errno;
+        log.error << "Could not open PEM file: " << name << " : " << std::strerror(error)
+                  << std::endl;
+      }
+      Korvix::Crypto::Certificate certificate;
+      certificate.read_pem(file);
+      if (certificate.x509 == nullptr) {
+        log.error << "Could not read public key: " << name << std::endl;
+        continue;
+      }
+      certificates.push_back(std::move(certificate));
+    }
+    // A buffer of its own spares the copy, which is as large as the input, a system call
+    // every few kilobytes.
+    encrypted_buffer.resize(ENCRYPTED_BUFFER_SIZE);
+    encrypted_file = std::make_unique<std::ofstream>();
+    encrypted_file->rdbuf()->pubsetbuf(encrypted_buffer.data(),
+                                       static_cast<std::streamsize>(encrypted_buffer.size()));
+    encrypted_file->open(settings.encrypt_file, std::ios::out | std::ios::binary | std::ios::trunc);
+    if (encrypted_file->fail()) {
+      int error = errno;
+      log.error << "Can't open encrypted output file: " << std::strerror(error) << std::endl;
+    }
+    log.summary << "Encrypting to file " << settings.encrypt_file << std::endl;
+    encrypted_writer = std::make_unique<Korvix::Channel::StreamWriter>(*encrypted_file);
+    packet_encryptor = std::make_unique<IndexGen::AESPacketEncryptor>(settings.key_text, certificates);
+    encryptor = std::make_unique<IndexGen::Encryptor>(*packet_encryptor, *encrypted_writer);
+    last->attach(encryptor.get());
+    last = encryptor.get();
+  }
 
   last->attach(&generator);
 
@@ -184,6 +228,7 @@ int run(int argc, char** argv) {
         if (!input->eof()) {
           log.error << "Could not synchronise with offset file. Aborting." << std::endl;
           run_writer.flush();
+          if (encrypted_file != nullptr) encrypted_file->flush();
           return STATUS_SYNC_LOST;
         }
       }
@@ -202,6 +247,10 @@ int run(int argc, char** argv) {
   statistics.min_rate = generator.time_base.min_rate;
   write_statistics(log.summary, statistics);
 
+  encryptor.reset();
+  packet_encryptor.reset();
+  encrypted_writer.reset();
+  encrypted_file.reset();
   sync.reset();
   input_file.reset();
 

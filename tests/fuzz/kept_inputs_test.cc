@@ -15,6 +15,7 @@
 
 #define VDX_FUZZ_TARGETS(X) \
   X(certificate)            \
+  X(encryptor)              \
   X(h264_chain)             \
   X(h264_units)             \
   X(key_list_reader)        \

@@ -1,0 +1,93 @@
+#ifndef VELDRIN_ENCRYPTION_ENCRYPTOR_H
+#define VELDRIN_ENCRYPTION_ENCRYPTOR_H
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "encryption/encryption_marker.h"
+#include "encryption/marked_packet.h"
+#include "encryption/packet_cipher.h"
+#include "foundation/channel/writer.h"
+#include "transport/held_queue.h"
+#include "transport/pipe.h"
+#include "transport/section_assembler.h"
+#include "transport/sections.h"
+
+namespace Veldrin::IndexGen {
+
+// Which rule a PID is enciphered by, as a PMT stream_type gives it.
+enum MarkerType : uint32_t {
+  MARKER_NONE = 0,
+  MARKER_MPEG2 = 1,
+  MARKER_H264 = 2,
+  MARKER_AUDIO = 3,
+};
+
+// The marker type of a PMT stream_type; MARKER_NONE for a stream that stays in clear.
+MarkerType marker_type_of(uint8_t stream_type);
+
+struct MarkerEntry {
+  uint16_t pid = 0;
+  MarkerType marker_type = MARKER_NONE;
+  std::unique_ptr<EncryptionMarker> marker;  // null: the PID has no entry
+};
+
+// The first PID tried for the key list; the choice goes down from here past the PIDs that the
+// first PMT has enciphered.
+constexpr uint32_t KEY_LIST_PID_FIRST = 0x1FFE;
+// The key list goes into the stream after every this many packets that leave the stage.
+constexpr int32_t KEY_LIST_INTERVAL = 100;
+
+// Makes the encrypted copy of the stream. It follows the PAT to the PMT of the program with the
+// lowest number, rewrites every complete PMT of it to announce the key list (a CA descriptor with
+// CA_system_ID 0x4B4C at program level and a stream entry of type 5), holds the packets in one
+// queue in input order until the marker of their PID has decided, enciphers those it may, writes
+// each to the output and passes it on, and inserts the key list on its own PID every 100
+// packets. Nothing marks the end of the stream: what is still queued then is neither written nor
+// passed on.
+class Encryptor : public TSPipe {
+ public:
+  // Neither is owned.
+  Encryptor(PacketEncryptor& packet_encryptor_, Korvix::Channel::Writer& output_)
+      : packet_encryptor(packet_encryptor_), output(output_) {}
+
+  // Works on a copy; the caller's packet isn't changed.
+  void process(TSPacket& packet) override;
+
+  // True when the table bytes were used up, false while more are awaited or the section was bad.
+  bool handle_pat(MarkedPacket& packet);
+  // May replace the payload of the packet with the rewritten section.
+  bool handle_pmt(MarkedPacket& packet);
+
+  // The entry of a PID; its marker is null when the PID has none.
+  const MarkerEntry& marker_entry(uint16_t pid) const { return markers[index_of(pid)]; }
+
+  SectionAssembler pat_data;
+  uint32_t pmt_pid = 0;  // 0 until a PAT has been read
+  uint16_t program_number = 0;
+  SectionAssembler pmt_data;
+  uint32_t ca_pid = 0;  // the key list PID; 0 until the first PMT has been rewritten
+  PacketEncryptor& packet_encryptor;
+  Korvix::Channel::Writer& output;
+  int32_t packet_count = 0;     // packets drained since ca_pid was chosen
+  uint64_t inserted_bytes = 0;  // 188 for each key list insertion so far
+  HeldQueue<MarkedPacket> queue;
+
+ private:
+  static constexpr size_t PID_COUNT = 0x2000;
+  static size_t index_of(uint16_t pid) { return static_cast<size_t>(pid) & (PID_COUNT - 1); }
+
+  void drain();
+  void insert_key_list(uint64_t drained_offset);
+
+  // By PID. An overwritten marker is freed at once: it has nothing to finish.
+  std::array<MarkerEntry, PID_COUNT> markers;
+  std::vector<unsigned char> key_list;  // reused at each insertion
+};
+
+}  // namespace Veldrin::IndexGen
+
+#endif
