@@ -47,8 +47,9 @@ constexpr int32_t KEY_LIST_INTERVAL = 100;
 // queue in input order until the marker of their PID has decided, enciphers those it may, writes
 // each to the output and passes it on, and inserts the key list on its own PID every 100
 // packets. Nothing marks the end of the stream: what is still queued then is neither written nor
-// passed on.
-class Encryptor : public TSPipe {
+// passed on. Final: the tool deletes it through its own type, and like the other stages it has
+// no virtual destructor.
+class Encryptor final : public TSPipe {
  public:
   // Neither is owned.
   Encryptor(PacketEncryptor& packet_encryptor_, Korvix::Channel::Writer& output_)

@@ -77,7 +77,7 @@ bool StreamDecryptor::feed(unsigned char* data, size_t length) {
   size_t at = 0;
   if (partial_length > 0) {
     const size_t count = std::min(PACKET - partial_length, length);
-    std::memcpy(partial + partial_length, data, count);
+    if (count > 0) std::memcpy(partial + partial_length, data, count);
     partial_length += count;
     at = count;
     if (partial_length < PACKET) return true;
@@ -100,7 +100,8 @@ bool StreamDecryptor::feed(unsigned char* data, size_t length) {
   if (!write(data + run, at - run)) return false;
 
   partial_length = length - at;
-  std::memcpy(partial, data + at, partial_length);
+  // No bytes may come with no buffer at all.
+  if (partial_length > 0) std::memcpy(partial, data + at, partial_length);
   return true;
 }
 

@@ -228,6 +228,22 @@ TEST(StreamDecryptor, AnyChunkingGivesTheSameOutput) {
   }
 }
 
+TEST(StreamDecryptor, NoBytesWithNoBufferChangeNothing) {
+  EncryptedStream stream = standard_stream();
+  std::string output;
+  Korvix::Channel::StringWriter writer(output);
+  StreamDecryptor decryptor(private_key("rsa1024.key"), std::nullopt, writer);
+  // Before any packet, and again with part of a packet held.
+  EXPECT_TRUE(decryptor.feed(nullptr, 0));
+  std::string bytes = stream.encrypted;
+  EXPECT_TRUE(decryptor.feed(reinterpret_cast<unsigned char*>(bytes.data()), 100));
+  EXPECT_TRUE(decryptor.feed(nullptr, 0));
+  EXPECT_TRUE(
+      decryptor.feed(reinterpret_cast<unsigned char*>(bytes.data()) + 100, bytes.size() - 100));
+  EXPECT_TRUE(decryptor.finish()) << decryptor.message;
+  EXPECT_EQ(output, stream.expected);
+}
+
 TEST(StreamDecryptor, NistBlocksDecipherToTheirPlainText) {
   // NIST SP 800-38A F.1.2, ECB-AES128.Decrypt: cipher text blocks in, plain text blocks out.
   const std::string hex =
