@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <iterator>
 #include <list>
-#include <tuple>
+#include <memory>
 #include <utility>
 
 namespace Veldrin::IndexGen {
@@ -23,10 +23,18 @@ class HeldQueue {
   Record& emplace_back(Arguments&&... arguments) {
     if (spare.empty()) return records.emplace_back(std::forward<Arguments>(arguments)...);
     records.splice(records.end(), spare, spare.begin());
-    Record& record = records.back();
-    record = std::make_from_tuple<Record>(
-        std::forward_as_tuple(std::forward<Arguments>(arguments)...));
-    return record;
+    // Made anew where the old record was, with one copy of what it is made from.
+    Record* record = &records.back();
+    std::destroy_at(record);
+    try {
+      std::construct_at(record, std::forward<Arguments>(arguments)...);
+    } catch (...) {
+      // The node goes back to the spares holding an empty record.
+      std::construct_at(record);
+      spare.splice(spare.begin(), records, std::prev(records.end()));
+      throw;
+    }
+    return *record;
   }
   Record& front() { return records.front(); }
   const Record& front() const { return records.front(); }

@@ -77,11 +77,14 @@ TSPipeline::ScanEnd TSPipeline::scan(const unsigned char* bytes, size_t from, si
                                      size_t end, uint64_t first_offset) {
   size_t position = from;
   for (;;) {
-    // Hunt for the sync byte; the bytes passed over are dropped.
-    const void* found =
-        position < stop ? std::memchr(bytes + position, TS_SYNC_BYTE, stop - position) : nullptr;
-    if (found == nullptr) return {std::max(position, stop), false};
-    position = static_cast<size_t>(static_cast<const unsigned char*>(found) - bytes);
+    // Hunt for the sync byte; the bytes passed over are dropped. It is nearly always the very
+    // next byte.
+    if (position >= stop) return {std::max(position, stop), false};
+    if (bytes[position] != TS_SYNC_BYTE) {
+      const void* found = std::memchr(bytes + position, TS_SYNC_BYTE, stop - position);
+      if (found == nullptr) return {stop, false};
+      position = static_cast<size_t>(static_cast<const unsigned char*>(found) - bytes);
+    }
     if (end - position < static_cast<size_t>(TS_PACKET_SIZE)) return {position, true};
     TSPacket packet;
     packet.offset = first_offset + position;

@@ -16,10 +16,10 @@ StartCode StartCodeScanner::find(const unsigned char* data, size_t from, size_t 
   size_t i = from;
   while (i < to) {
     if (prefix == 0) {
-      // Without a prefix under way a start code can only begin at two zero bytes in a row, or
-      // at a zero that ends the range. A zero followed by anything else leaves no prefix, and
-      // the bytes passed over change nothing but last_byte.
-      const size_t at = zero_pair(data, i, to);
+      // Without a prefix under way a start code can only begin at two zero bytes followed by a
+      // zero or a one, or at zeros that end the range: anywhere else the counting comes back to
+      // no prefix within two bytes, and the bytes passed over change nothing but last_byte.
+      const size_t at = prefix_start(data, i, to);
       if (at == to) {
         last = data[to - 1];
         break;
@@ -51,28 +51,77 @@ StartCode StartCodeScanner::find(const unsigned char* data, size_t from, size_t 
   return StartCode{to, 0};
 }
 
-size_t StartCodeScanner::zero_pair(const unsigned char* data, size_t from, size_t to) {
+namespace {
+
+#if defined(__SSE2__)
+// Bit k set where data[at + k] and data[at + k + 1] are zero and data[at + k + 2] is 0 or 1, for
+// k from 0 to 15: the places where a prefix can begin that goes on past its second zero.
+inline unsigned prefix_starts_at(const unsigned char* data, size_t at) {
+  const __m128i zero = _mm_setzero_si128();
+  const __m128i one = _mm_set1_epi8(1);
+  const __m128i first = _mm_loadu_si128(reinterpret_cast<const __m128i*>(data + at));
+  const __m128i second = _mm_loadu_si128(reinterpret_cast<const __m128i*>(data + at + 1));
+  const __m128i third = _mm_loadu_si128(reinterpret_cast<const __m128i*>(data + at + 2));
+  const __m128i zeros = _mm_and_si128(_mm_cmpeq_epi8(first, zero), _mm_cmpeq_epi8(second, zero));
+  const __m128i small = _mm_cmpeq_epi8(_mm_min_epu8(third, one), third);
+  return static_cast<unsigned>(_mm_movemask_epi8(_mm_and_si128(zeros, small)));
+}
+#endif
+
+// The test of one place, as prefix_start gives it.
+inline bool prefix_starts(const unsigned char* data, size_t at, size_t to) {
+  if (data[at] != 0) return false;
+  if (at + 1 == to) return true;
+  if (data[at + 1] != 0) return false;
+  return at + 2 == to || data[at + 2] <= 1;
+}
+
+}  // namespace
+
+size_t StartCodeScanner::prefix_start(const unsigned char* data, size_t from, size_t to) {
   size_t i = from;
 #if defined(__SSE2__)
-  // Sixteen places at a time: a zero byte at a place and another behind it. Only bytes before
-  // `to` are loaded.
-  const __m128i zero = _mm_setzero_si128();
-  while (to - i >= 17) {
-    const __m128i here = _mm_loadu_si128(reinterpret_cast<const __m128i*>(data + i));
-    const __m128i next = _mm_loadu_si128(reinterpret_cast<const __m128i*>(data + i + 1));
-    const __m128i both = _mm_and_si128(_mm_cmpeq_epi8(here, zero), _mm_cmpeq_epi8(next, zero));
-    const auto mask = static_cast<unsigned>(_mm_movemask_epi8(both));
-    if (mask != 0) return i + static_cast<size_t>(__builtin_ctz(mask));
-    i += 16;
+  // Sixteen places at a time, thirty-two while there is room; only bytes before `to` are
+  // loaded. The places left at the end but two are looked at by one more load that overlaps
+  // those already looked at, which are masked off.
+  if (to - i >= 18) {
+    while (to - i >= 34) {
+      const unsigned low = prefix_starts_at(data, i);
+      const unsigned high = prefix_starts_at(data, i + 16);
+      if ((low | high) != 0) {
+        return low != 0 ? i + static_cast<size_t>(__builtin_ctz(low))
+                        : i + 16 + static_cast<size_t>(__builtin_ctz(high));
+      }
+      i += 32;
+    }
+    if (to - i >= 18) {
+      const unsigned mask = prefix_starts_at(data, i);
+      if (mask != 0) return i + static_cast<size_t>(__builtin_ctz(mask));
+      i += 16;
+    }
+    if (to - i > 2) {
+      const size_t last = to - 18;
+      const unsigned mask = prefix_starts_at(data, last) & (~0u << (i - last));
+      if (mask != 0) return last + static_cast<size_t>(__builtin_ctz(mask));
+      i = to - 2;
+    }
+  }
+#else
+  // Without SSE2 memchr finds the zeros.
+  while (to - i > 2) {
+    const void* found = std::memchr(data + i, 0, to - i - 2);
+    if (found == nullptr) {
+      i = to - 2;
+      break;
+    }
+    i = static_cast<size_t>(static_cast<const unsigned char*>(found) - data);
+    if (prefix_starts(data, i, to)) return i;
+    ++i;
   }
 #endif
-  // The rest, or everything where there is no SSE2: memchr finds the zeros.
-  while (i < to) {
-    const void* found = std::memchr(data + i, 0, to - i);
-    if (found == nullptr) return to;
-    const size_t at = static_cast<size_t>(static_cast<const unsigned char*>(found) - data);
-    if (at + 1 == to || data[at + 1] == 0) return at;
-    i = at + 2;
+  // A short range, or the last two places, where the range ends inside a prefix.
+  for (; i < to; ++i) {
+    if (prefix_starts(data, i, to)) return i;
   }
   return to;
 }

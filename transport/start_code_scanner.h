@@ -51,9 +51,9 @@ class StartCodeScanner {
   bool byte_by_byte = false;
 
  private:
-  // The first place in [from, to) of a zero byte followed by another, or of a zero at to - 1;
-  // to if there is none.
-  static size_t zero_pair(const unsigned char* data, size_t from, size_t to);
+  // The first place in [from, to) of two zero bytes followed by a zero or a one, or of zeros
+  // alone up to to; to if there is none.
+  static size_t prefix_start(const unsigned char* data, size_t from, size_t to);
   StartCode find_byte_by_byte(const unsigned char* data, size_t from, size_t to);
 };
 

@@ -1,16 +1,15 @@
 #ifndef VELDRIN_TRANSPORT_SYNC_H
 #define VELDRIN_TRANSPORT_SYNC_H
 
+#include <cstddef>
 #include <cstdint>
 #include <fstream>
-#include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
-#include "foundation/channel/stream_reader.h"
 #include "transport/pid_counts.h"
 #include "transport/pipe.h"
-#include "transport/ts_reader.h"
 
 namespace Veldrin::IndexGen {
 
@@ -31,14 +30,29 @@ class SyncPipe : public TSPipe {
   void process(TSPacket& packet) override;
   uint64_t find_offset(uint16_t pid, uint64_t count, double pcr);
 
-  // Destroyed in the reverse order: the packet reader, the channel, then the file.
-  std::unique_ptr<std::ifstream> file;                    // null until open
-  std::unique_ptr<Korvix::Channel::StreamReader> reader;  // on file; its offset is the position
-  std::unique_ptr<TSReader> ts_reader;                    // on reader
+  // The offset file is read in large blocks and only the packet headers in them are parsed:
+  // it is walked once, in step with the input, and its payloads are never looked at.
+  static constexpr size_t BLOCK_SIZE = 1 << 18;
+
+  std::unique_ptr<std::ifstream> file;  // null until open
+  uint64_t position = 0;                // of the next packet header in the offset file
   double input_pcr = -1.0;
   PidCounts input_counts;  // packets of each PID since input_pcr
   double file_pcr = -1.0;
   PidCounts file_counts;  // packets of each PID of the offset file since file_pcr
+
+ private:
+  // Reads the header at position and moves position to the next multiple of 188 behind the
+  // header and its adaptation field, as a reader that trusts those multiples does. False when
+  // the first byte isn't the sync byte or the file ends before that multiple.
+  bool next_header(uint16_t& pid, double& pcr);
+  // At least count bytes from offset `at` on in the block, or as many as are left of the file.
+  size_t fill(uint64_t at, size_t count);
+
+  std::vector<unsigned char> block;
+  uint64_t block_start = 0;  // offset in the file of block[0]
+  size_t block_size = 0;     // bytes of block holding file bytes
+  bool at_end = false;       // the file gave its last byte
 };
 
 }  // namespace Veldrin::IndexGen

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -51,6 +52,43 @@ TEST(HeldQueue, FrontRunUpToAnEndLeavesAtOnce) {
   EXPECT_EQ(queue.size(), 2u);
   queue.pop_front_until(queue.end());
   EXPECT_TRUE(queue.empty());
+}
+
+// A record whose making can fail, and which counts the records alive.
+struct Fragile {
+  static inline int alive = 0;
+  Fragile() { ++alive; }
+  explicit Fragile(int value_) : value(value_) {
+    if (value < 0) throw std::invalid_argument("negative");
+    ++alive;
+  }
+  Fragile(const Fragile& other) : value(other.value) { ++alive; }
+  Fragile& operator=(const Fragile&) = default;
+  ~Fragile() { --alive; }
+  int value = 0;
+};
+
+TEST(HeldQueue, ARecordThatFailsToBeMadeLeavesTheQueueAsItWas) {
+  {
+    HeldQueue<Fragile> queue;
+    queue.emplace_back(1);
+    queue.emplace_back(2);
+    queue.pop_front();
+    // The spare node of the record that left is the one the failing record takes.
+    EXPECT_THROW(queue.emplace_back(-1), std::invalid_argument);
+    ASSERT_EQ(queue.size(), 1u);
+    EXPECT_EQ(queue.front().value, 2);
+    // The node is a spare again, whole, and the next record takes it.
+    Fragile& next = queue.emplace_back(3);
+    EXPECT_EQ(next.value, 3);
+    EXPECT_EQ(queue.size(), 2u);
+    EXPECT_EQ(Fragile::alive, 2);
+    queue.pop_front();
+    queue.pop_front();
+    EXPECT_TRUE(queue.empty());
+  }
+  // Every record made was also unmade, spares included.
+  EXPECT_EQ(Fragile::alive, 0);
 }
 
 }  // namespace

@@ -136,8 +136,35 @@ TEST(StartCodeScanner, PlaceOfAPrefixByteInThisPayloadOrThePreviousOne) {
   EXPECT_EQ(split.position, -2);
 }
 
-// Random bytes rich in zeros and ones, cut into random pieces: the fast scan finds what the
-// byte-by-byte reference finds, and ends in the same counters.
+// Scans bytes in pieces of 1 to max_piece bytes, each its own run of calls as each payload is,
+// with the fast scan and the byte-by-byte reference side by side: they find the same start
+// codes and end each piece with the same counters. Gives the count of start codes found.
+size_t agree_with_reference(const Bytes& bytes, std::mt19937& random, size_t max_piece) {
+  size_t found = 0;
+  StartCodeScanner fast;
+  StartCodeScanner reference;
+  reference.byte_by_byte = true;
+  size_t at = 0;
+  while (at < bytes.size()) {
+    const size_t end = std::min(bytes.size(), at + 1 + random() % max_piece);
+    size_t from = at;
+    for (;;) {
+      const StartCode a = fast.find(bytes.data(), from, end);
+      const StartCode b = reference.find(bytes.data(), from, end);
+      EXPECT_EQ(a.index, b.index) << "piece " << at << " to " << end;
+      EXPECT_EQ(a.prefix_length, b.prefix_length) << "piece " << at << " to " << end;
+      EXPECT_EQ(fast.prefix_length, reference.prefix_length) << "piece " << at << " to " << end;
+      EXPECT_EQ(fast.last_byte, reference.last_byte) << "piece " << at << " to " << end;
+      if (a.index != b.index || !a.found()) break;
+      ++found;
+      from = a.index + 1;
+    }
+    at = end;
+  }
+  return found;
+}
+
+// Random bytes rich in zeros and ones, cut into random pieces.
 TEST(StartCodeScanner, FastScanAgreesWithTheByteByByteReference) {
   size_t found = 0;
   for (uint32_t seed = 1; seed <= 50; ++seed) {
@@ -147,27 +174,8 @@ TEST(StartCodeScanner, FastScanAgreesWithTheByteByByteReference) {
       const uint32_t pick = random() % 8;
       b = pick < 4 ? 0 : pick < 5 ? 1 : static_cast<unsigned char>(random());
     }
-    StartCodeScanner fast;
-    StartCodeScanner reference;
-    reference.byte_by_byte = true;
-    size_t at = 0;
-    while (at < bytes.size()) {
-      const size_t end = std::min(bytes.size(), at + 1 + random() % 200);
-      size_t from_fast = at;
-      size_t from_reference = at;
-      for (;;) {
-        const StartCode a = fast.find(bytes.data(), from_fast, end);
-        const StartCode b = reference.find(bytes.data(), from_reference, end);
-        ASSERT_EQ(a.index, b.index) << seed;
-        ASSERT_EQ(a.prefix_length, b.prefix_length) << seed;
-        ASSERT_EQ(fast.prefix_length, reference.prefix_length) << seed;
-        ASSERT_EQ(fast.last_byte, reference.last_byte) << seed;
-        if (!a.found()) break;
-        ++found;
-        from_fast = from_reference = a.index + 1;
-      }
-      at = end;
-    }
+    found += agree_with_reference(bytes, random, 200);
+    if (::testing::Test::HasFailure()) FAIL() << "seed " << seed;
   }
   EXPECT_GT(found, 1000u);
 }
@@ -191,28 +199,60 @@ TEST(StartCodeScanner, FastScanAgreesWithTheReferenceOnSparseZeros) {
         default: bytes[at] = 0, bytes[at + 1] = 1; break;               // one zero and a one
       }
     }
-    StartCodeScanner fast;
-    StartCodeScanner reference;
-    reference.byte_by_byte = true;
-    size_t at = 0;
-    while (at < bytes.size()) {
-      const size_t end = std::min(bytes.size(), at + 1 + random() % 400);
-      size_t from = at;
-      for (;;) {
-        const StartCode a = fast.find(bytes.data(), from, end);
-        const StartCode b = reference.find(bytes.data(), from, end);
-        ASSERT_EQ(a.index, b.index) << seed;
-        ASSERT_EQ(a.prefix_length, b.prefix_length) << seed;
-        ASSERT_EQ(fast.prefix_length, reference.prefix_length) << seed;
-        ASSERT_EQ(fast.last_byte, reference.last_byte) << seed;
-        if (!a.found()) break;
-        ++found;
-        from = a.index + 1;
-      }
-      at = end;
-    }
+    found += agree_with_reference(bytes, random, 400);
+    if (::testing::Test::HasFailure()) FAIL() << "seed " << seed;
   }
   EXPECT_GT(found, 2000u);
+}
+
+// Coded video is full of two zeros followed by a larger byte (00 00 03 and the like), which
+// begin no start code; among them runs of zeros, and zeros, pairs and triples at the ends of
+// pieces of payload length.
+TEST(StartCodeScanner, FastScanAgreesWithTheReferenceAmongPairsOfZerosThatBeginNothing) {
+  size_t found = 0;
+  for (uint32_t seed = 1; seed <= 40; ++seed) {
+    std::mt19937 random(seed);
+    Bytes bytes(20000);
+    for (unsigned char& b : bytes) b = static_cast<unsigned char>(2 + random() % 254);
+    for (int n = 0; n < 1500; ++n) {
+      const size_t at = random() % (bytes.size() - 6);
+      switch (random() % 6) {
+        case 0: bytes[at] = bytes[at + 1] = 0, bytes[at + 2] = 3; break;
+        case 1: bytes[at] = bytes[at + 1] = 0, bytes[at + 2] = 2; break;
+        case 2: bytes[at] = bytes[at + 1] = 0, bytes[at + 2] = 0x80; break;
+        case 3: bytes[at] = bytes[at + 1] = bytes[at + 2] = bytes[at + 3] = 0; break;
+        case 4: bytes[at] = bytes[at + 1] = 0, bytes[at + 2] = 1; break;
+        default: bytes[at] = bytes[at + 1] = bytes[at + 2] = 0, bytes[at + 3] = 1; break;
+      }
+    }
+    found += agree_with_reference(bytes, random, 184);
+    if (::testing::Test::HasFailure()) FAIL() << "seed " << seed;
+  }
+  EXPECT_GT(found, 10000u);
+}
+
+// Every way for a piece of 18 to 40 bytes to end in zeros, ones and a larger byte, around the
+// edge between the search many places at a time and the last places.
+TEST(StartCodeScanner, FastScanAgreesWithTheReferenceAtEveryEndOfAPiece) {
+  const unsigned char values[] = {0, 1, 3};
+  for (size_t length = 18; length <= 40; ++length) {
+    for (int tail = 0; tail < 81; ++tail) {
+      Bytes bytes(length, 0x55);
+      int code = tail;
+      for (size_t k = 0; k < 4; ++k, code /= 3) bytes[length - 1 - k] = values[code % 3];
+      for (size_t from = 0; from < 3; ++from) {
+        StartCodeScanner fast;
+        StartCodeScanner reference;
+        reference.byte_by_byte = true;
+        const StartCode a = fast.find(bytes.data(), from, length);
+        const StartCode b = reference.find(bytes.data(), from, length);
+        ASSERT_EQ(a.index, b.index) << length << " " << tail;
+        ASSERT_EQ(a.prefix_length, b.prefix_length) << length << " " << tail;
+        ASSERT_EQ(fast.prefix_length, reference.prefix_length) << length << " " << tail;
+        ASSERT_EQ(fast.last_byte, reference.last_byte) << length << " " << tail;
+      }
+    }
+  }
 }
 
 // One start code cut into pieces of one byte each but the last: each piece is its own call,

@@ -185,7 +185,76 @@ TEST(SyncPipe, PidDroppedFromTheOffsetFileFails) {
   EXPECT_THROW(chain.feed(input), SyncFailureException);
   EXPECT_EQ(chain.synced.offsets(), (std::vector<uint64_t>{0, 188}));
   // The walk went to the end of the offset file looking for it.
-  EXPECT_EQ(chain.sync.reader->offset, offsets.size());
+  EXPECT_EQ(chain.sync.position, offsets.size());
+}
+
+// A packet whose adaptation field claims 255 bytes: the header is read, the field skipped past
+// the packet's end, and the walk goes on at the next multiple of 188 behind it.
+std::string packet_with_long_adaptation_field(uint16_t pid) {
+  std::string p = make_packet(pid);
+  p[3] = 0x30;
+  p[4] = static_cast<char>(0xFF);
+  p[5] = 0x00;
+  return p;
+}
+
+TEST(SyncPipe, AnAdaptationFieldLongerThanItsPacketPassesOverThePacketBehindIt) {
+  std::string input = make_packet(100) + make_packet(200);
+  // The PID 200 behind the first packet lies inside what its field claims: not found.
+  Chain chain(write_temp("long_adaptation_field",
+                         packet_with_long_adaptation_field(100) + make_packet(200)));
+  EXPECT_THROW(chain.feed(input), SyncFailureException);
+  EXPECT_EQ(chain.synced.offsets(), (std::vector<uint64_t>{0}));
+  // With one more packet behind it, that one is found.
+  Chain again(write_temp("long_adaptation_field_then_pid_200",
+                         packet_with_long_adaptation_field(100) + make_packet(300) +
+                             make_packet(200)));
+  again.feed(input);
+  EXPECT_EQ(again.synced.offsets(), (std::vector<uint64_t>{0, 376}));
+}
+
+TEST(SyncPipe, AnAdaptationFieldLongerThanItsPacketAtTheEndOfTheFileFails) {
+  std::string input = make_packet(100);
+  // The field runs to byte 260 of a file of 188 + 100 bytes: the next multiple is past the end.
+  std::string offsets = packet_with_long_adaptation_field(100) + std::string(100, '\x47');
+  Chain chain(write_temp("long_adaptation_field_at_end", offsets));
+  EXPECT_THROW(chain.feed(input), SyncFailureException);
+  EXPECT_TRUE(chain.synced.packets.empty());
+  // The same with the bytes up to 376 present is a match at 0.
+  Chain whole(write_temp("long_adaptation_field_whole",
+                         packet_with_long_adaptation_field(100) + std::string(188, '\x47')));
+  whole.feed(input);
+  EXPECT_EQ(whole.synced.offsets(), (std::vector<uint64_t>{0}));
+}
+
+TEST(SyncPipe, AHeaderCutInsideItsPcrFails) {
+  std::string input = make_packet(200) + make_packet(100, seconds(1.0));
+  std::string offsets = input.substr(0, 188 + 9);
+  Chain chain(write_temp("cut_in_pcr", offsets));
+  EXPECT_THROW(chain.feed(input), SyncFailureException);
+  EXPECT_EQ(chain.synced.offsets(), (std::vector<uint64_t>{0}));
+}
+
+TEST(SyncPipe, OffsetFileOfManyReadBlocksKeepsEveryOffset) {
+  // 4,000 packets: about three of the blocks the file is read in, with packets across their
+  // edges, and another PID in the offset file every seventh packet.
+  std::string input;
+  std::string offsets;
+  std::vector<uint64_t> expected;
+  for (int i = 0; i < 4000; i++) {
+    const uint16_t pid = static_cast<uint16_t>(100 + i % 3);
+    const std::string packet = make_packet(pid, i % 40 == 0 ? seconds(1.0 + i / 40 * 0.04) : -1,
+                                           static_cast<unsigned char>(i), i & 15);
+    if (i % 7 == 3) offsets += make_packet(999);
+    expected.push_back(offsets.size());
+    offsets += packet;
+    input += packet;
+  }
+  ASSERT_GT(offsets.size(), 2 * SyncPipe::BLOCK_SIZE);
+  Chain chain(write_temp("many_blocks", offsets));
+  chain.feed(input);
+  EXPECT_EQ(chain.synced.offsets(), expected);
+  EXPECT_EQ(chain.sync.position, offsets.size());
 }
 
 TEST(SyncPipe, RepeatedPcrValueDoesNotEmptyTheCounts) {
@@ -278,8 +347,6 @@ TEST(SyncPipe, OpenOfAMissingFileGivesFalseAndNoStream) {
   SyncPipe sync;
   EXPECT_FALSE(sync.open(temp_path("does_not_exist/x")));
   EXPECT_EQ(sync.file, nullptr);
-  EXPECT_EQ(sync.reader, nullptr);
-  EXPECT_EQ(sync.ts_reader, nullptr);
   TSPacket packet;
   EXPECT_THROW(sync.process(packet), SyncFailureException);
 }

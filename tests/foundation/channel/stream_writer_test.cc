@@ -61,6 +61,52 @@ TEST(StreamWriter, FailedWriteSurfacesOnTheNextOne) {
   EXPECT_EQ(writer.offset, 4u);
 }
 
+// A sink that counts the flushes asked of it.
+class SyncCountingBuf : public PipeBuf {
+ public:
+  int syncs = 0;
+
+ protected:
+  int sync() override {
+    ++syncs;
+    return 0;
+  }
+};
+
+TEST(StreamWriter, AStreamOfUnitBufferingIsFlushedAfterEachWrite) {
+  SyncCountingBuf buf;
+  std::ostream out(&buf);
+  out.setf(std::ios::unitbuf);
+  StreamWriter writer(out);
+  writer.write("ab");
+  writer.write_byte('c');
+  EXPECT_EQ(buf.taken, "abc");
+  EXPECT_EQ(buf.syncs, 2);
+}
+
+TEST(StreamWriter, ATiedStreamIsFlushedBeforeEachWrite) {
+  SyncCountingBuf tied_buf;
+  std::ostream tied(&tied_buf);
+  PipeBuf buf;
+  std::ostream out(&buf);
+  out.tie(&tied);
+  StreamWriter writer(out);
+  writer.write("ab");
+  writer.write("cd");
+  EXPECT_EQ(buf.taken, "abcd");
+  EXPECT_EQ(tied_buf.syncs, 2);
+}
+
+TEST(StreamWriter, AnOrdinaryStreamIsNotFlushedByWrites) {
+  SyncCountingBuf buf;
+  std::ostream out(&buf);
+  StreamWriter writer(out);
+  writer.write("abcd");
+  EXPECT_EQ(buf.taken, "abcd");
+  EXPECT_EQ(buf.syncs, 0);
+  EXPECT_TRUE(out.good());
+}
+
 TEST(StreamWriter, SkipWritesZeros) {
   std::ostringstream out;
   StreamWriter writer(out);
