@@ -6,7 +6,6 @@
 #include "encryption/h264_encryption_marker.h"
 #include "encryption/key_list.h"
 #include "encryption/mpeg2_encryption_marker.h"
-#include "foundation/channel/block_writer.h"
 #include "foundation/channel/error.h"
 #include "transport/section_writer.h"
 #include "transport/table_packets.h"
@@ -137,10 +136,9 @@ void Encryptor::drain() {
     // The packet is made whole first and goes to the output in one write; an output that fails
     // loses it, and the run goes on.
     unsigned char bytes[TS_PACKET_SIZE];
-    Korvix::Channel::BlockWriter block(bytes, sizeof bytes);
-    TSWriter(block).write_record(head);
+    const size_t size = compose_record(head, bytes);
     try {
-      output.write(bytes, static_cast<size_t>(block.offset));
+      output.write(bytes, size);
     } catch (const Korvix::Channel::Error&) {
     }
     for (TSPipe* pipe : pipes) pipe->process(head);
