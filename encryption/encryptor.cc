@@ -135,10 +135,14 @@ void Encryptor::drain() {
     // that the record doesn't hold isn't reproduced, and a payload longer than a packet is cut.
     // The packet is made whole first and goes to the output in one write; an output that fails
     // loses it, and the run goes on.
-    unsigned char bytes[TS_PACKET_SIZE];
-    const size_t size = compose_record(head, bytes);
     try {
-      output.write(bytes, size);
+      unsigned char* room = gathering != nullptr ? gathering->room(TS_PACKET_SIZE) : nullptr;
+      if (room != nullptr) {
+        gathering->commit(compose_record(head, room));
+      } else {
+        unsigned char bytes[TS_PACKET_SIZE];
+        output.write(bytes, compose_record(head, bytes));
+      }
     } catch (const Korvix::Channel::Error&) {
     }
     for (TSPipe* pipe : pipes) pipe->process(head);

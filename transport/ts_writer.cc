@@ -121,10 +121,14 @@ size_t compose_record(const TSPacket& packet, unsigned char* bytes) {
   int32_t continuity = packet.continuity_counter;
   ByteCursor cursor{bytes};
   put_header(cursor, packet, length, continuity);
-  if (length > 0) {
+  // A copy of known size for the usual full payload: the compiler makes it a few wide moves,
+  // where a copy of any size may become a slow string instruction.
+  if (length == TS_PAYLOAD_MAX) {
+    std::memcpy(cursor.at, packet.payload.data(), TS_PAYLOAD_MAX);
+  } else if (length > 0) {
     std::memcpy(cursor.at, packet.payload.data(), static_cast<size_t>(length));
-    cursor.at += length;
   }
+  cursor.at += length > 0 ? length : 0;
   return static_cast<size_t>(cursor.at - bytes);
 }
 

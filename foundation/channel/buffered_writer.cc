@@ -18,6 +18,12 @@ void BufferedWriter::basic_write(const unsigned char* data, size_t count) {
   offset += count;
 }
 
+unsigned char* BufferedWriter::room(size_t count) {
+  if (count > buffer.size()) return nullptr;
+  if (count > buffer.size() - used) flush();
+  return buffer.data() + used;
+}
+
 void BufferedWriter::flush() {
   const size_t count = used;
   used = 0;

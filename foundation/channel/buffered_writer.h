@@ -23,6 +23,15 @@ class BufferedWriter : public Writer {
   // Hands what is gathered to the target and empties the buffer, also when the target throws.
   void flush();
 
+  // For a caller that composes bytes in place: room for count bytes behind what is gathered,
+  // flushing first when they don't fit (which may throw); null when count is beyond the
+  // capacity. The bytes count as written when commit is called with the number filled.
+  unsigned char* room(size_t count);
+  void commit(size_t count) {
+    used += count;
+    offset += count;
+  }
+
   Writer& target;
   std::vector<unsigned char> buffer;
   size_t used = 0;  // bytes of buffer gathered

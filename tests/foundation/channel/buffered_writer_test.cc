@@ -109,4 +109,41 @@ TEST(BufferedWriter, CapacityOfZeroHoldsOneByte) {
   EXPECT_EQ(text, "abc");
 }
 
+TEST(BufferedWriter, RoomFilledInPlaceCountsOnceCommitted) {
+  std::string text;
+  StringWriter target(text);
+  BufferedWriter writer(target, 8);
+  writer.write(BYTES, 2);
+  unsigned char* room = writer.room(3);
+  ASSERT_EQ(room, writer.buffer.data() + 2);
+  room[0] = 'x';
+  room[1] = 'y';
+  writer.commit(2);
+  EXPECT_EQ(writer.offset, 4u);
+  writer.flush();
+  EXPECT_EQ(text, "abxy");
+}
+
+TEST(BufferedWriter, RoomThatDoesNotFitFlushesFirst) {
+  std::string text;
+  StringWriter target(text);
+  BufferedWriter writer(target, 8);
+  writer.write(BYTES, 6);
+  unsigned char* room = writer.room(3);
+  EXPECT_EQ(text, "abcdef");
+  EXPECT_EQ(room, writer.buffer.data());
+}
+
+TEST(BufferedWriter, NoRoomBeyondTheCapacity) {
+  std::string text;
+  StringWriter target(text);
+  BufferedWriter writer(target, 8);
+  writer.write(BYTES, 2);
+  EXPECT_EQ(writer.room(9), nullptr);
+  EXPECT_EQ(writer.used, 2u);
+  EXPECT_EQ(text, "");
+  EXPECT_NE(writer.room(8), nullptr);
+  EXPECT_EQ(text, "ab");
+}
+
 }  // namespace
