@@ -6,7 +6,6 @@
 #include "encryption/h264_encryption_marker.h"
 #include "encryption/key_list.h"
 #include "encryption/mpeg2_encryption_marker.h"
-#include "foundation/channel/block_writer.h"
 #include "foundation/channel/error.h"
 #include "transport/section_writer.h"
 #include "transport/table_packets.h"
@@ -136,11 +135,14 @@ void Encryptor::drain() {
     // that the record doesn't hold isn't reproduced, and a payload longer than a packet is cut.
     // The packet is made whole first and goes to the output in one write; an output that fails
     // loses it, and the run goes on.
-    unsigned char bytes[TS_PACKET_SIZE];
-    Korvix::Channel::BlockWriter block(bytes, sizeof bytes);
-    TSWriter(block).write_record(head);
     try {
-      output.write(bytes, static_cast<size_t>(block.offset));
+      unsigned char* room = gathering != nullptr ? gathering->room(TS_PACKET_SIZE) : nullptr;
+      if (room != nullptr) {
+        gathering->commit(compose_record(head, room));
+      } else {
+        unsigned char bytes[TS_PACKET_SIZE];
+        output.write(bytes, compose_record(head, bytes));
+      }
     } catch (const Korvix::Channel::Error&) {
     }
     for (TSPipe* pipe : pipes) pipe->process(head);

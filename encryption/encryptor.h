@@ -10,6 +10,7 @@
 #include "encryption/encryption_marker.h"
 #include "encryption/marked_packet.h"
 #include "encryption/packet_cipher.h"
+#include "foundation/channel/buffered_writer.h"
 #include "foundation/channel/writer.h"
 #include "transport/held_queue.h"
 #include "transport/pipe.h"
@@ -53,7 +54,9 @@ class Encryptor final : public TSPipe {
  public:
   // Neither is owned.
   Encryptor(PacketEncryptor& packet_encryptor_, Korvix::Channel::Writer& output_)
-      : packet_encryptor(packet_encryptor_), output(output_) {}
+      : packet_encryptor(packet_encryptor_),
+        output(output_),
+        gathering(dynamic_cast<Korvix::Channel::BufferedWriter*>(&output_)) {}
 
   // Works on a copy; the caller's packet isn't changed.
   void process(TSPacket& packet) override;
@@ -73,6 +76,9 @@ class Encryptor final : public TSPipe {
   uint32_t ca_pid = 0;  // the key list PID; 0 until the first PMT has been rewritten
   PacketEncryptor& packet_encryptor;
   Korvix::Channel::Writer& output;
+  // The output when it gathers packets in a buffer: each is then composed in that buffer, which
+  // saves a copy of every packet.
+  Korvix::Channel::BufferedWriter* gathering;
   int32_t packet_count = 0;     // packets drained since ca_pid was chosen
   uint64_t inserted_bytes = 0;  // 188 for each key list insertion so far
   HeldQueue<MarkedPacket> queue;

@@ -1,6 +1,7 @@
 #ifndef VELDRIN_TRANSPORT_TS_WRITER_H
 #define VELDRIN_TRANSPORT_TS_WRITER_H
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -25,6 +26,10 @@ class TSWriter {
 
   Korvix::Channel::Writer& writer;
 };
+
+// The packet that write_record writes, put into bytes, which has room for TS_PACKET_SIZE; gives
+// its size. For packets assembled in memory on the hot path.
+size_t compose_record(const TSPacket& packet, unsigned char* bytes);
 
 // Whole packets that carry all of packet.payload; continuity advances as write_packet does.
 std::string packetise(const TSPacket& packet, int32_t& continuity);

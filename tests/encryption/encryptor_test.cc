@@ -11,6 +11,7 @@
 #include "encryption/h264_encryption_marker.h"
 #include "encryption/marker_support.h"
 #include "encryption/mpeg2_encryption_marker.h"
+#include "foundation/channel/buffered_writer.h"
 #include "foundation/channel/error.h"
 #include "foundation/channel/string_writer.h"
 #include "transport/test_bytes.h"
@@ -587,6 +588,63 @@ TEST(Encryptor, AFailureBehindTheStageLeavesThePacketAtTheHeadToBeEncipheredAndW
   EXPECT_EQ(Bytes(all.begin() + 3 * 188, all.begin() + 4 * 188), once);
   EXPECT_EQ(Bytes(all.begin() + 4 * 188, all.begin() + 5 * 188), twice);
   EXPECT_EQ(cipher.calls, 2);
+}
+
+// The same packets through a stage whose output is the given writer: PAT, PMT, then video and
+// audio with a PES start, PCR and payloads of every size class, enough for two key lists.
+void feed_mixed(Korvix::Channel::Writer& writer, IndexGen::TSPipe& behind) {
+  InvertingEncryptor cipher;
+  cipher.list = Bytes(200, 0x3C);
+  Encryptor encryptor(cipher, writer);
+  encryptor.attach(&behind);
+  TSPacket pat = packet(0, PAT, true);
+  encryptor.process(pat);
+  TSPacket pmt = packet(PMT_PID, PMT_VIDEO_AUDIO, true);
+  encryptor.process(pmt);
+  for (int i = 0; i < 150; i++) {
+    TSPacket video = packet(VIDEO, i % 10 == 0 ? starting_with(pes_header_with_pts())
+                                              : filler(static_cast<size_t>(184 - i % 7)),
+                            i % 10 == 0, i & 15);
+    if (i % 25 == 0) video.pcr = i * 0.04;
+    encryptor.process(video);
+    TSPacket audio = packet(AUDIO, filler(static_cast<size_t>(20 + i), 0x55), i % 5 == 0, i & 15);
+    encryptor.process(audio);
+  }
+}
+
+TEST(Encryptor, ABufferedOutputGetsTheSameBytesComposedInItsBuffer) {
+  std::string plain_out;
+  Korvix::Channel::StringWriter plain(plain_out);
+  Collector plain_behind;
+  feed_mixed(plain, plain_behind);
+  // All but the last video packet and the audio behind it, and a key list of two packets after
+  // the PMT and after the 100th and 200th packet behind it.
+  ASSERT_EQ(plain_out.size(), (300u + 3u * 2u) * 188);
+
+  // A capacity that no number of packets fills exactly, and one below a packet, where each
+  // packet goes through write as with any writer.
+  for (size_t capacity : {1000u, 100u}) {
+    std::string out;
+    Korvix::Channel::StringWriter target(out);
+    Korvix::Channel::BufferedWriter buffered(target, capacity);
+    Collector behind;
+    feed_mixed(buffered, behind);
+    buffered.flush();
+    EXPECT_EQ(out, plain_out) << capacity;
+    EXPECT_EQ(buffered.offset, plain_out.size()) << capacity;
+    EXPECT_EQ(behind.packets.size(), plain_behind.packets.size()) << capacity;
+  }
+}
+
+TEST(Encryptor, ABufferedOutputThatFailsLosesPacketsAndTheStagesBehindGetThemAll) {
+  FailingWriter failing;
+  Korvix::Channel::BufferedWriter buffered(failing, 1000);
+  Collector behind;
+  feed_mixed(buffered, behind);
+  EXPECT_EQ(behind.packets.size(), 300u + 3u * 2u);
+  // Each packet that found the buffer full was lost with the buffer; the others count.
+  EXPECT_GT(buffered.offset, 0u);
+  EXPECT_LT(buffered.offset, (300u + 3u * 2u) * 188);
 }
 
 TEST(Encryptor, AudioIsEncipheredFromItsFirstByteUpToItsLastWholeBlock) {

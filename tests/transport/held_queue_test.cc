@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -52,6 +53,36 @@ TEST(HeldQueue, FrontRunUpToAnEndLeavesAtOnce) {
   EXPECT_EQ(queue.size(), 2u);
   queue.pop_front_until(queue.end());
   EXPECT_TRUE(queue.empty());
+}
+
+TEST(HeldQueue, ComingAndGoingAroundTheRingKeepsTheOrder) {
+  HeldQueue<std::string> queue;
+  // More than the ring's first length of 16, with the front moving all the while.
+  int next = 0;
+  for (int round = 0; round < 50; ++round) {
+    queue.emplace_back(std::to_string(next++));
+    queue.emplace_back(std::to_string(next++));
+    queue.pop_front();
+  }
+  ASSERT_EQ(queue.size(), 50u);
+  std::vector<std::string> expected;
+  for (int i = 50; i < 100; ++i) expected.push_back(std::to_string(i));
+  EXPECT_EQ(contents(queue), expected);
+  EXPECT_EQ(queue.front(), "50");
+  EXPECT_EQ(queue.back(), "99");
+}
+
+TEST(HeldQueue, QueueOfSteadyLengthUsesTheSameNodesAgain) {
+  HeldQueue<std::string> queue;
+  for (const char* text : {"a", "b", "c"}) queue.emplace_back(text);
+  std::set<const std::string*> nodes;
+  for (int i = 0; i < 100; ++i) {
+    queue.pop_front();
+    nodes.insert(&queue.emplace_back(std::to_string(i)));
+  }
+  for (const std::string& record : queue) nodes.insert(&record);
+  EXPECT_EQ(nodes.size(), 3u);
+  EXPECT_EQ(contents(queue), (std::vector<std::string>{"97", "98", "99"}));
 }
 
 // A record whose making can fail, and which counts the records alive.
