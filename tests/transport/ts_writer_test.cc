@@ -224,5 +224,60 @@ TEST(TSWriter, RecordPayloadBeyondOnePacketIsCutOff) {
             concat({hex("47 40 21 30 07 10 00 00 AF C8 7E 00"), counting(176)}));
 }
 
+// ---- One packet composed in memory ----
+
+Bytes composed(const TSPacket& packet) {
+  unsigned char bytes[TS_PACKET_SIZE];
+  const size_t size = compose_record(packet, bytes);
+  return Bytes(bytes, bytes + size);
+}
+
+TEST(TSWriter, ComposedRecordWithAPcrCarries176BytesOfItsPayload) {
+  TSPacket packet;
+  packet.pid = 0x21;
+  packet.payload_unit_start = true;
+  packet.pcr = 1.0;
+  packet.payload = counting(300);
+  EXPECT_EQ(composed(packet), concat({hex("47 40 21 30 07 10 00 00 AF C8 7E 00"), counting(176)}));
+}
+
+TEST(TSWriter, ComposedRecordOfTenBytesIsStuffedToAWholePacket) {
+  TSPacket packet;
+  packet.pid = 0x21;
+  packet.continuity_counter = 3;
+  packet.payload = counting(10);
+  EXPECT_EQ(composed(packet),
+            concat({hex("47 00 21 33 AD 00"), Bytes(172, 0xFF), counting(10)}));
+}
+
+TEST(TSWriter, ComposedRecordWithoutPayloadIsAllAdaptationField) {
+  TSPacket packet;
+  packet.pid = 0x1FFF;
+  packet.continuity_counter = 7;
+  EXPECT_EQ(composed(packet), concat({hex("47 1F FF 20 B7 00"), Bytes(182, 0xFF)}));
+}
+
+TEST(TSWriter, ComposedRecordIsTheWrittenOneForEveryFlagAndLength) {
+  for (int flags = 0; flags < 16; ++flags) {
+    for (size_t length = 0; length <= 190; ++length) {
+      TSPacket packet;
+      packet.pid = 0x101;
+      packet.payload_unit_start = (flags & 1) != 0;
+      packet.discontinuity = (flags & 2) != 0;
+      packet.random_access = (flags & 4) != 0;
+      packet.pcr = (flags & 8) != 0 ? 12.345 : -1.0;
+      packet.scrambling_control = 2;
+      packet.continuity_counter = static_cast<int32_t>(length % 16);
+      packet.payload = counting(length);
+      std::string out;
+      Korvix::Channel::StringWriter string_writer(out);
+      ASSERT_TRUE(TSWriter(string_writer).write_record(packet));
+      const Bytes written(out.begin(), out.end());
+      ASSERT_EQ(written.size(), 188u) << flags << " " << length;
+      EXPECT_EQ(composed(packet), written) << flags << " " << length;
+    }
+  }
+}
+
 }  // namespace
 }  // namespace Veldrin::IndexGen
