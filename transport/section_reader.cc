@@ -18,7 +18,9 @@ uint32_t word_at(const std::vector<unsigned char>& data, size_t position) {
 void read_descriptors(SectionReader& reader, const unsigned char* start, size_t length,
                       std::list<Descriptor>& descriptors) {
   Korvix::Channel::BlockReader block(start, length);
-  for (;;) {
+  // A loop that ends where its bytes do is the usual case, and needs no failed read to say so;
+  // a descriptor cut short still ends it through the read that fails.
+  while (block.offset < block.length) {
     Descriptor descriptor;
     if (!reader.read_descriptor(block, descriptor)) return;
     descriptors.push_back(std::move(descriptor));
