@@ -45,10 +45,10 @@ class Payload {
   }
   operator std::vector<unsigned char>() const { return {begin(), end()}; }  // NOLINT
 
-  Payload(const Payload& other) { assign(other.begin(), other.end()); }
+  Payload(const Payload& other) { copy(other); }
   Payload(Payload&& other) noexcept { take(other); }
   Payload& operator=(const Payload& other) {
-    if (this != &other) assign(other.begin(), other.end());
+    if (this != &other) copy(other);
     return *this;
   }
   Payload& operator=(Payload&& other) noexcept {
@@ -206,10 +206,27 @@ class Payload {
       heap = std::move(other.heap);
       capacity_ = other.capacity_;
       other.capacity_ = INLINE_CAPACITY;
-    } else if (size_ != 0) {
-      std::memcpy(inline_bytes, other.inline_bytes, size_);
+    } else {
+      copy_inline(other);
     }
     other.size_ = 0;
+  }
+
+  void copy(const Payload& other) {
+    if (other.heap) {
+      assign(other.begin(), other.end());
+    } else {
+      heap.reset();
+      capacity_ = INLINE_CAPACITY;
+      size_ = other.size_;
+      copy_inline(other);
+    }
+  }
+
+  // Every packet record is copied at least once on its way, so the inline bytes go whole, in a
+  // copy of known size, rather than as many as are used: the bytes behind size_ mean nothing.
+  void copy_inline(const Payload& other) {
+    std::memcpy(inline_bytes, other.inline_bytes, INLINE_CAPACITY);
   }
 
   size_t size_ = 0;

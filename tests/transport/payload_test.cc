@@ -84,6 +84,41 @@ TEST(Payload, CopiesAreEqualAndIndependent) {
   EXPECT_TRUE(shorter < original);
 }
 
+TEST(Payload, CopiesOfEveryInlineLengthHoldExactlyTheSourceBytes) {
+  for (size_t size = 0; size <= Payload::INLINE_CAPACITY; ++size) {
+    const Payload source(counting(size, 9));
+    const Payload copy(source);
+    EXPECT_EQ(copy, counting(size, 9)) << size;
+    EXPECT_EQ(copy.capacity(), Payload::INLINE_CAPACITY) << size;
+    Payload assigned(counting(3));
+    assigned = source;
+    EXPECT_EQ(assigned, counting(size, 9)) << size;
+  }
+}
+
+TEST(Payload, CopyOfAnInlinePayloadOverOneOnTheHeapTakesOnlyTheSourceBytes) {
+  Payload target(counting(300, 1));
+  ASSERT_GT(target.capacity(), Payload::INLINE_CAPACITY);
+  const Payload source(counting(5, 40));
+  target = source;
+  EXPECT_EQ(target, counting(5, 40));
+  EXPECT_EQ(target.capacity(), Payload::INLINE_CAPACITY);
+  // It grows again as any payload does.
+  target.insert(target.end(), 250, 0xAB);
+  Bytes expected = counting(5, 40);
+  expected.insert(expected.end(), 250, 0xAB);
+  EXPECT_EQ(target, expected);
+}
+
+TEST(Payload, CopyOfAHeapPayloadKeepsEveryByte) {
+  const Payload source(counting(400, 2));
+  Payload target(counting(10));
+  target = source;
+  EXPECT_EQ(target, counting(400, 2));
+  const Payload copy(source);
+  EXPECT_EQ(copy, counting(400, 2));
+}
+
 TEST(Payload, ConvertsToAndFromAVectorOfBytes) {
   const Bytes bytes = counting(50, 3);
   const Payload payload = bytes;
