@@ -18,9 +18,9 @@ void BufferedWriter::basic_write(const unsigned char* data, size_t count) {
   offset += count;
 }
 
-unsigned char* BufferedWriter::room(size_t count) {
+unsigned char* BufferedWriter::room_after_flush(size_t count) {
   if (count > buffer.size()) return nullptr;
-  if (count > buffer.size() - used) flush();
+  flush();
   return buffer.data() + used;
 }
 

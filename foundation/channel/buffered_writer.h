@@ -26,7 +26,11 @@ class BufferedWriter : public Writer {
   // For a caller that composes bytes in place: room for count bytes behind what is gathered,
   // flushing first when they don't fit (which may throw); null when count is beyond the
   // capacity. The bytes count as written when commit is called with the number filled.
-  unsigned char* room(size_t count);
+  unsigned char* room(size_t count) {
+    // Inline for the usual case, a packet at a time: there is room.
+    if (count <= buffer.size() - used) return buffer.data() + used;
+    return room_after_flush(count);
+  }
   void commit(size_t count) {
     used += count;
     offset += count;
@@ -35,6 +39,9 @@ class BufferedWriter : public Writer {
   Writer& target;
   std::vector<unsigned char> buffer;
   size_t used = 0;  // bytes of buffer gathered
+
+ private:
+  unsigned char* room_after_flush(size_t count);
 };
 
 }  // namespace Korvix::Channel

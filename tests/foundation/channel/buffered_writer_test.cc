@@ -134,6 +134,16 @@ TEST(BufferedWriter, RoomThatDoesNotFitFlushesFirst) {
   EXPECT_EQ(room, writer.buffer.data());
 }
 
+TEST(BufferedWriter, RoomThatFitsExactlyBehindWhatIsGatheredFlushesNothing) {
+  std::string text;
+  StringWriter target(text);
+  BufferedWriter writer(target, 8);
+  writer.write(BYTES, 5);
+  EXPECT_EQ(writer.room(3), writer.buffer.data() + 5);
+  EXPECT_EQ(text, "");
+  EXPECT_EQ(writer.used, 5u);
+}
+
 TEST(BufferedWriter, NoRoomBeyondTheCapacity) {
   std::string text;
   StringWriter target(text);
