@@ -118,8 +118,11 @@ namespace {
 // The cipher of a key length and mode; null for a length AES doesn't have.
 const EVP_CIPHER* block_cipher(int32_t bits, bool chained) {
   switch (bits) {
-    case 128:
-      return chained ? EVP_aes_128_cbc() : EVP_aes_128_ecb();
+    case 128: {
+      // The one a packet cipher asks for at every packet: looked up once.
+      static const EVP_CIPHER* const ecb = EVP_aes_128_ecb();
+      return chained ? EVP_aes_128_cbc() : ecb;
+    }
     case 192:
       return chained ? EVP_aes_192_cbc() : EVP_aes_192_ecb();
     case 256:
@@ -150,9 +153,11 @@ bool AESCipher::run(const evp_cipher_st* cipher, unsigned char* data, int32_t le
     if (!context) return false;
     context_cipher = nullptr;
   }
-  const size_t key_bytes = key.byte_count();
+  // All the key field is compared and kept, the bytes that count and those that don't: a
+  // comparison of known size costs a few instructions at each call, and a change behind the
+  // bytes that count only keys the context again.
   const bool keyed = cipher == context_cipher && encryption == context_encryption &&
-                     std::memcmp(context_key, key.key, key_bytes) == 0;
+                     std::memcmp(context_key, key.key, AESKey::MAX_BYTES) == 0;
   const bool chained = iv.valid || ctr;
   if (!keyed) {
     // With the cipher of the last call the context is only keyed again, which allocates nothing.
@@ -163,7 +168,7 @@ bool AESCipher::run(const evp_cipher_st* cipher, unsigned char* data, int32_t le
       return false;
     EVP_CIPHER_CTX_set_padding(context.get(), 0);
     context_cipher = cipher;
-    std::memcpy(context_key, key.key, key_bytes);
+    std::memcpy(context_key, key.key, AESKey::MAX_BYTES);
     context_encryption = encryption;
   } else if (chained) {
     // The same key schedule; only the iv (CBC) or counter (CTR) starts again from the field.
@@ -176,7 +181,9 @@ bool AESCipher::run(const evp_cipher_st* cipher, unsigned char* data, int32_t le
   if (length == 0) return true;
 
   int written = 0;
-  if (EVP_CipherUpdate(context.get(), data, &written, data, length) != 1) {
+  const int updated = encryption ? EVP_EncryptUpdate(context.get(), data, &written, data, length)
+                                 : EVP_DecryptUpdate(context.get(), data, &written, data, length);
+  if (updated != 1) {
     context_cipher = nullptr;
     return false;
   }

@@ -408,6 +408,21 @@ TEST(AESCipher, AKeyByteChangedInPlaceBetweenCallsIsUsedAtTheNextCall) {
   EXPECT_EQ(third, slice(ECB_CIPHER, 0, 16));
 }
 
+TEST(AESCipher, AKeyByteBehindThoseThatCountChangesNoCipherText) {
+  AESCipher cipher = ecb();
+  Bytes first = slice(PLAIN, 0, 16);
+  ASSERT_TRUE(cipher.encrypt(first.data(), 16, true));
+  EXPECT_EQ(first, slice(ECB_CIPHER, 0, 16));
+
+  // Byte 20 of a 128-bit key is no part of it, in whichever direction.
+  cipher.key.key[20] = 0x55;
+  Bytes second = slice(PLAIN, 0, 16);
+  ASSERT_TRUE(cipher.encrypt(second.data(), 16, true));
+  EXPECT_EQ(second, slice(ECB_CIPHER, 0, 16));
+  ASSERT_TRUE(cipher.encrypt(second.data(), 16, false));
+  EXPECT_EQ(second, slice(PLAIN, 0, 16));
+}
+
 TEST(AESCipher, EcbAlternatingDirectionsWithOneKeyGivesEachDirectionsResult) {
   AESCipher cipher = ecb();
   for (int round = 0; round < 3; round++) {
