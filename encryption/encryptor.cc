@@ -1,5 +1,6 @@
 #include "encryption/encryptor.h"
 
+#include <cstring>
 #include <list>
 
 #include "encryption/audio_encryption_marker.h"
@@ -7,6 +8,7 @@
 #include "encryption/key_list.h"
 #include "encryption/mpeg2_encryption_marker.h"
 #include "foundation/channel/error.h"
+#include "foundation/channel/string_writer.h"
 #include "transport/section_writer.h"
 #include "transport/table_packets.h"
 #include "transport/ts_writer.h"
@@ -161,23 +163,67 @@ void Encryptor::insert_key_list(uint64_t drained_offset) {
   // Once per insertion, however many packets it takes.
   inserted_bytes += TS_PACKET_SIZE;
 
-  TSPacket record;
-  record.pid = static_cast<uint16_t>(ca_pid);
-  record.payload_unit_start = true;
-  record.continuity_counter = 0;
-  record.offset = drained_offset + inserted_bytes;
   packet_encryptor.get_key_list(key_list);
   if (key_list.empty()) return;
+  TSPacket& record = key_list_record;
+  record.pid = static_cast<uint16_t>(ca_pid);
+  record.payload_unit_start = true;
+  record.discontinuity = false;
+  record.random_access = false;
+  record.scrambling_control = 0;
+  record.pcr = -1.0;
+  record.continuity_counter = 0;
+  record.offset = drained_offset + inserted_bytes;
   record.payload.assign(key_list.begin(), key_list.end());
 
   // Every packet loads its counter from the record, which stays 0; only the first has
   // payload_unit_start. Each stage behind receives the record with the whole payload.
+  if (gathering != nullptr && (cut_list != key_list || cut_pid != record.pid)) cut_key_list();
   TSWriter writer(output);
   TablePackets cut(record, record.payload.data(), record.payload.size(), UNIT_START_FIRST_PACKET);
-  while (!cut.done()) {
-    cut.write_next(writer);
+  for (size_t index = 0; !cut.done(); ++index) {
+    // As the cut does before each packet behind the first.
+    if (cut.taken > 0) record.payload_unit_start = false;
+    if (copy_key_list_packet(index, cut.taken)) {
+      cut.taken = cut_taken[index];
+    } else {
+      cut.write_next(writer);
+    }
     for (TSPipe* pipe : pipes) pipe->process(record);
   }
+}
+
+bool Encryptor::copy_key_list_packet(size_t index, size_t taken) {
+  if (gathering == nullptr || index >= cut_taken.size()) return false;
+  if (taken != (index == 0 ? 0 : cut_taken[index - 1])) return false;
+  const TSPacket& record = key_list_record;
+  // What the stages behind were given may have been changed by them.
+  if (record.pid != cut_pid || record.payload_unit_start != (index == 0) ||
+      record.discontinuity || record.random_access || record.scrambling_control != 0 ||
+      record.pcr != -1.0 || record.continuity_counter != 0 || !(record.payload == cut_list))
+    return false;
+  if (gathering->buffer.size() - gathering->used < static_cast<size_t>(TS_PACKET_SIZE)) return false;
+  unsigned char* room = gathering->room(TS_PACKET_SIZE);
+  std::memcpy(room, cut_packets.data() + index * TS_PACKET_SIZE, TS_PACKET_SIZE);
+  gathering->commit(TS_PACKET_SIZE);
+  return true;
+}
+
+void Encryptor::cut_key_list() {
+  cut_list = key_list;
+  cut_pid = key_list_record.pid;
+  cut_packets.clear();
+  cut_taken.clear();
+  TSPacket prototype = header_fields(key_list_record);
+  Korvix::Channel::StringWriter memory(cut_packets);
+  TSWriter writer(memory);
+  TablePackets cut(prototype, cut_list.data(), cut_list.size(), UNIT_START_FIRST_PACKET);
+  while (!cut.done()) {
+    cut.write_next(writer);
+    cut_taken.push_back(cut.taken);
+  }
+  // Only whole packets can be copied; a cut that came out otherwise is written each time.
+  if (cut_packets.size() != cut_taken.size() * TS_PACKET_SIZE) cut_taken.clear();
 }
 
 }  // namespace Veldrin::IndexGen

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "encryption/encryption_marker.h"
@@ -89,10 +90,24 @@ class Encryptor final : public TSPipe {
 
   void drain();
   void insert_key_list(uint64_t drained_offset);
+  // Puts the next packet of the key list's cut into the gathering buffer from the packets cut
+  // before, when that gives the very bytes that cutting them again would: the record and the
+  // list are as they were cut, and the buffer has room, so no write can fail. False otherwise.
+  bool copy_key_list_packet(size_t index, size_t taken);
+  void cut_key_list();
 
   // By PID. An overwritten marker is freed at once: it has nothing to finish.
   std::array<MarkerEntry, PID_COUNT> markers;
   std::vector<unsigned char> key_list;  // reused at each insertion
+  // The record passed on at each insertion, kept so that its payload, longer than a packet,
+  // needs no new allocation each time; every field is set afresh.
+  TSPacket key_list_record;
+  // The packets of the last cut of the key list, which are the same bytes at every insertion
+  // while the list and its PID stay: cut once and copied after that.
+  std::vector<unsigned char> cut_list;     // the list that was cut
+  uint16_t cut_pid = 0;                    // and its PID
+  std::string cut_packets;                 // the packets, one after the other
+  std::vector<size_t> cut_taken;           // list bytes written after each packet
 };
 
 }  // namespace Veldrin::IndexGen

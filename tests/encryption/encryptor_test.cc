@@ -592,9 +592,8 @@ TEST(Encryptor, AFailureBehindTheStageLeavesThePacketAtTheHeadToBeEncipheredAndW
 
 // The same packets through a stage whose output is the given writer: PAT, PMT, then video and
 // audio with a PES start, PCR and payloads of every size class, enough for two key lists.
-void feed_mixed(Korvix::Channel::Writer& writer, IndexGen::TSPipe& behind) {
-  InvertingEncryptor cipher;
-  cipher.list = Bytes(200, 0x3C);
+void feed_mixed(Korvix::Channel::Writer& writer, IndexGen::TSPipe& behind,
+                InvertingEncryptor& cipher) {
   Encryptor encryptor(cipher, writer);
   encryptor.attach(&behind);
   TSPacket pat = packet(0, PAT, true);
@@ -612,6 +611,26 @@ void feed_mixed(Korvix::Channel::Writer& writer, IndexGen::TSPipe& behind) {
   }
 }
 
+void feed_mixed(Korvix::Channel::Writer& writer, IndexGen::TSPipe& behind) {
+  InvertingEncryptor cipher;
+  cipher.list = Bytes(200, 0x3C);
+  feed_mixed(writer, behind, cipher);
+}
+
+// The records that two runs passed on are the same, field by field.
+void expect_same_records(const std::vector<TSPacket>& a, const std::vector<TSPacket>& b,
+                         size_t capacity) {
+  ASSERT_EQ(a.size(), b.size()) << capacity;
+  for (size_t i = 0; i < a.size(); i++) {
+    EXPECT_EQ(a[i].pid, b[i].pid) << capacity << " " << i;
+    EXPECT_EQ(a[i].payload_unit_start, b[i].payload_unit_start) << capacity << " " << i;
+    EXPECT_EQ(a[i].scrambling_control, b[i].scrambling_control) << capacity << " " << i;
+    EXPECT_EQ(a[i].continuity_counter, b[i].continuity_counter) << capacity << " " << i;
+    EXPECT_EQ(a[i].offset, b[i].offset) << capacity << " " << i;
+    EXPECT_EQ(a[i].payload, b[i].payload) << capacity << " " << i;
+  }
+}
+
 TEST(Encryptor, ABufferedOutputGetsTheSameBytesComposedInItsBuffer) {
   std::string plain_out;
   Korvix::Channel::StringWriter plain(plain_out);
@@ -621,9 +640,10 @@ TEST(Encryptor, ABufferedOutputGetsTheSameBytesComposedInItsBuffer) {
   // the PMT and after the 100th and 200th packet behind it.
   ASSERT_EQ(plain_out.size(), (300u + 3u * 2u) * 188);
 
-  // A capacity that no number of packets fills exactly, and one below a packet, where each
-  // packet goes through write as with any writer.
-  for (size_t capacity : {1000u, 100u}) {
+  // A capacity that no number of packets fills exactly, one below a packet, where each packet
+  // goes through write as with any writer, and one that holds the whole copy, where the key
+  // list's packets are always copied from their first cut.
+  for (size_t capacity : {size_t{1000}, size_t{100}, size_t{1} << 20}) {
     std::string out;
     Korvix::Channel::StringWriter target(out);
     Korvix::Channel::BufferedWriter buffered(target, capacity);
@@ -632,7 +652,69 @@ TEST(Encryptor, ABufferedOutputGetsTheSameBytesComposedInItsBuffer) {
     buffered.flush();
     EXPECT_EQ(out, plain_out) << capacity;
     EXPECT_EQ(buffered.offset, plain_out.size()) << capacity;
-    EXPECT_EQ(behind.packets.size(), plain_behind.packets.size()) << capacity;
+    expect_same_records(behind.packets, plain_behind.packets, capacity);
+  }
+}
+
+// Passes the packets on after changing what it is given of the key list: at the first
+// insertion the continuity counter of the record becomes 7, at the second its last payload byte
+// is inverted and the stage is given another key list for the third.
+class KeyListMeddler : public Collector {
+ public:
+  explicit KeyListMeddler(InvertingEncryptor& cipher_) : cipher(cipher_) {}
+  void process(TSPacket& packet) override {
+    Collector::process(packet);
+    if (packet.pid != 0x1FFE || !packet.payload_unit_start) return;
+    ++insertions;
+    if (insertions == 1) packet.continuity_counter = 7;
+    if (insertions == 2) {
+      packet.payload.back() = static_cast<unsigned char>(~packet.payload.back());
+      cipher.list = Bytes(250, 0xA5);
+    }
+  }
+  InvertingEncryptor& cipher;
+  int insertions = 0;
+};
+
+TEST(Encryptor, KeyListPacketsComeOutAsWrittenAfterTheStagesBehindChangedTheRecord) {
+  std::string plain_out;
+  Korvix::Channel::StringWriter plain(plain_out);
+  InvertingEncryptor plain_cipher;
+  plain_cipher.list = Bytes(200, 0x3C);
+  KeyListMeddler plain_behind(plain_cipher);
+  feed_mixed(plain, plain_behind, plain_cipher);
+  ASSERT_EQ(plain_behind.insertions, 3);
+  // The key list packets: two at each insertion.
+  std::vector<Bytes> lists;
+  for (size_t at = 0; at + 188 <= plain_out.size(); at += 188) {
+    const Bytes one(plain_out.begin() + static_cast<long>(at),
+                    plain_out.begin() + static_cast<long>(at + 188));
+    if (((one[1] & 0x1F) << 8 | one[2]) == 0x1FFE) lists.push_back(one);
+  }
+  ASSERT_EQ(lists.size(), 6u);
+  // The first packet of each goes out before the stages behind see the record; the second is
+  // written from the record as they left it: with the counter 7, then with the list's last byte
+  // inverted; the third insertion cuts the other list.
+  EXPECT_EQ(lists[0], raw(0x1FFE, true, 0, 0, Bytes(184, 0x3C)));
+  EXPECT_EQ(lists[1], raw(0x1FFE, false, 0, 7, Bytes(16, 0x3C)));
+  EXPECT_EQ(lists[2], raw(0x1FFE, true, 0, 0, Bytes(184, 0x3C)));
+  Bytes rest(16, 0x3C);
+  rest.back() = 0xC3;
+  EXPECT_EQ(lists[3], raw(0x1FFE, false, 0, 0, rest));
+  EXPECT_EQ(lists[4], raw(0x1FFE, true, 0, 0, Bytes(184, 0xA5)));
+  EXPECT_EQ(lists[5], raw(0x1FFE, false, 0, 0, Bytes(66, 0xA5)));
+
+  for (size_t capacity : {size_t{1000}, size_t{1} << 20}) {
+    std::string out;
+    Korvix::Channel::StringWriter target(out);
+    Korvix::Channel::BufferedWriter buffered(target, capacity);
+    InvertingEncryptor cipher;
+    cipher.list = Bytes(200, 0x3C);
+    KeyListMeddler behind(cipher);
+    feed_mixed(buffered, behind, cipher);
+    buffered.flush();
+    EXPECT_EQ(out, plain_out) << capacity;
+    expect_same_records(behind.packets, plain_behind.packets, capacity);
   }
 }
 
