@@ -10,10 +10,10 @@
 #include <cstdint>
 #include <cstdio>
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
+#include "bench/bench_support.h"
 #include "indexgen/captured_packet.h"
 #include "indexgen/generator.h"
 #include "indexgen/h264_parser.h"
@@ -22,39 +22,22 @@
 
 namespace {
 
-// The count of iterations run, which is never negative, for products with sizes.
-uint64_t iterations(const benchmark::State& state) {
-  return static_cast<uint64_t>(state.iterations());
-}
-
+using Veldrin::Bench::CHUNK_SIZE;
+using Veldrin::Bench::CountingWriter;
+using Veldrin::Bench::iterations;
+using Veldrin::Bench::STREAM_SIZE;
 using Veldrin::IndexGen::CapturedPacket;
 using Veldrin::IndexGen::H264Parser;
 using Veldrin::IndexGen::IndexGenerator;
 using Veldrin::IndexGen::TSPacket;
 using Veldrin::IndexGen::TSPipeline;
 
-constexpr size_t CHUNK_SIZE = 65536;
-constexpr size_t STREAM_SIZE = 256u << 20;
 constexpr const char* FIXTURE = VDX_SOURCE_DIR "/tests/fixtures/h264_closed_gop.ts";
 constexpr uint16_t VIDEO_PID = 0x100;
 
-std::string fixture() {
-  std::ifstream file(FIXTURE, std::ios::binary);
-  std::string one((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-  one.resize(one.size() / 188 * 188);
-  return one;
-}
-
 // The fixture repeated to STREAM_SIZE bytes, whole packets only.
 const std::string& stream() {
-  static const std::string bytes = [] {
-    std::string one = fixture();
-    std::string all;
-    if (one.empty()) return all;
-    all.reserve(STREAM_SIZE);
-    while (all.size() + one.size() <= STREAM_SIZE) all += one;
-    return all;
-  }();
+  static const std::string bytes = Veldrin::Bench::repeated_packets(FIXTURE);
   return bytes;
 }
 
@@ -62,7 +45,7 @@ const std::string& stream() {
 std::vector<CapturedPacket>& video_records() {
   static std::vector<CapturedPacket> records = [] {
     std::vector<CapturedPacket> out;
-    const std::string one = fixture();
+    const std::string one = Veldrin::Bench::whole_packets(FIXTURE);
     for (size_t at = 0; at + 188 <= one.size(); at += 188) {
       const auto* p = reinterpret_cast<const unsigned char*>(one.data()) + at;
       if ((((p[1] & 0x1F) << 8) | p[2]) != VIDEO_PID || (p[3] & 0x10) == 0) continue;
@@ -112,23 +95,6 @@ void BM_H264Parser(benchmark::State& state) {
   state.SetBytesProcessed(static_cast<int64_t>(iterations(state) * passes * pass_bytes));
   state.counters["markers"] = static_cast<double>(markers);
 }
-
-class CountingWriter : public Veldrin::IndexGen::IndexWriter {
- public:
-  void set_tables(const std::string& packets) override { table_bytes += packets.size(); }
-  void set_frame_preamble(const std::string& packets) override { preamble_bytes += packets.size(); }
-  void add_packet(CapturedPacket& captured) override {
-    ++records;
-    frame_bytes += captured.data.size();
-  }
-  void add_pcr(uint64_t, double) override { ++pcrs; }
-
-  uint64_t table_bytes = 0;
-  uint64_t preamble_bytes = 0;
-  uint64_t records = 0;
-  uint64_t frame_bytes = 0;
-  uint64_t pcrs = 0;
-};
 
 void BM_H264Chain(benchmark::State& state) {
   const std::string& bytes = stream();

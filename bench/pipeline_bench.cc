@@ -4,34 +4,20 @@
 #include <benchmark/benchmark.h>
 
 #include <cstdint>
-#include <fstream>
-#include <iterator>
 #include <string>
 
+#include "bench/bench_support.h"
 #include "transport/pipeline.h"
 
 namespace {
 
-// The count of iterations run, which is never negative, for products with sizes.
-uint64_t iterations(const benchmark::State& state) {
-  return static_cast<uint64_t>(state.iterations());
-}
+using Veldrin::Bench::feed;
+using Veldrin::Bench::iterations;
 
-constexpr size_t CHUNK_SIZE = 65536;
-constexpr size_t STREAM_SIZE = 256u << 20;
-
-// The MPEG-2 fixture repeated to STREAM_SIZE bytes, whole packets only.
+// The MPEG-2 fixture repeated to 256 MB, whole packets only.
 const std::string& stream() {
-  static const std::string bytes = [] {
-    std::ifstream file(VDX_SOURCE_DIR "/tests/fixtures/mpeg2_bframes.ts", std::ios::binary);
-    std::string one((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-    one.resize(one.size() / 188 * 188);
-    std::string all;
-    if (one.empty()) return all;
-    all.reserve(STREAM_SIZE);
-    while (all.size() + one.size() <= STREAM_SIZE) all += one;
-    return all;
-  }();
+  static const std::string bytes =
+      Veldrin::Bench::repeated_packets(VDX_SOURCE_DIR "/tests/fixtures/mpeg2_bframes.ts");
   return bytes;
 }
 
@@ -44,14 +30,6 @@ class CountingStage : public Veldrin::IndexGen::TSPipe {
   uint64_t packets = 0;
   uint64_t payload_bytes = 0;
 };
-
-void feed(Veldrin::IndexGen::TSPipeline& pipeline, const std::string& bytes) {
-  const auto* data = reinterpret_cast<const unsigned char*>(bytes.data());
-  for (size_t at = 0; at < bytes.size(); at += CHUNK_SIZE) {
-    size_t count = bytes.size() - at < CHUNK_SIZE ? bytes.size() - at : CHUNK_SIZE;
-    pipeline.read(data + at, static_cast<int32_t>(count));
-  }
-}
 
 void BM_PipelineWithoutStages(benchmark::State& state) {
   const std::string& bytes = stream();

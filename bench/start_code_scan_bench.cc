@@ -7,12 +7,11 @@
 
 #include <cstdint>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <string>
 #include <vector>
 
+#include "bench/bench_support.h"
 #include "transport/pipeline.h"
 #include "transport/start_code_scanner.h"
 
@@ -24,12 +23,8 @@ using Veldrin::IndexGen::TSPacket;
 using Veldrin::IndexGen::TSPipe;
 using Veldrin::IndexGen::TSPipeline;
 
-constexpr size_t CHUNK_SIZE = 65536;
-
-std::string read_file(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
+using Veldrin::Bench::feed;
+using Veldrin::Bench::read_file;
 
 std::string recording(const char* name) {
   const char* dir = std::getenv("VDX_BENCH_DIR");
@@ -45,14 +40,6 @@ const std::string& stream(int which) {
   static const std::string h264 = recording("vdx-bench-h264.ts");
   static const std::string mpeg2 = recording("vdx-bench-mpeg2.ts");
   return which == 0 ? h264 : mpeg2;
-}
-
-void feed(TSPipeline& pipeline, const std::string& bytes) {
-  const auto* data = reinterpret_cast<const unsigned char*>(bytes.data());
-  for (size_t at = 0; at < bytes.size(); at += CHUNK_SIZE) {
-    const size_t count = bytes.size() - at < CHUNK_SIZE ? bytes.size() - at : CHUNK_SIZE;
-    pipeline.read(data + at, static_cast<int32_t>(count));
-  }
 }
 
 // The payloads of every PID, one after the other, with their lengths.
