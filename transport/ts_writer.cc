@@ -35,6 +35,17 @@ void put_pcr(ByteCursor& cursor, double seconds) {
   cursor.at += PCR_SIZE;
 }
 
+// Stuffing goes byte by byte to a writer, so that a failure leaves written what came before it;
+// in memory it is one fill.
+void put_stuffing(Korvix::Channel::Writer& writer, int32_t count) {
+  for (int32_t i = 0; i < count; i++) writer.write_byte(0xFF);
+}
+void put_stuffing(ByteCursor& cursor, int32_t count) {
+  if (count <= 0) return;
+  std::memset(cursor.at, 0xFF, static_cast<size_t>(count));
+  cursor.at += count;
+}
+
 // The header rules, once, for a channel writer and for a cursor in memory.
 template <typename Sink>
 void put_header(Sink& sink, const TSPacket& packet, int32_t& payload_length, int32_t& continuity) {
@@ -77,7 +88,7 @@ void put_header(Sink& sink, const TSPacket& packet, int32_t& payload_length, int
   sink.write_byte(static_cast<uint32_t>(size + stuffing - 1));
   if (size != FIELD_LENGTH_ONLY) sink.write_byte(adaptation_flags);
   if (has_pcr) put_pcr(sink, packet.pcr);
-  for (int32_t i = 0; i < stuffing; i++) sink.write_byte(0xFF);
+  put_stuffing(sink, stuffing);
 }
 
 // The bytes of a record's payload that one packet carries.
