@@ -4,7 +4,6 @@
 #include <list>
 #include <utility>
 
-#include "foundation/channel/string_writer.h"
 #include "foundation/log/stream.h"
 #include "transport/section_writer.h"
 #include "transport/sections.h"
@@ -86,14 +85,14 @@ void ProgramTables::handle_cat(const TSPacket& packet) {
 }
 
 void ProgramTables::capture_ca(const TSPacket& packet) {
-  std::string image;
-  Korvix::Channel::StringWriter string_writer(image);
-  TSWriter(string_writer).write_record(packet);
   if (ca_packet.empty()) {
     Korvix::Log::Summary summary;
     summary << "Capturing CA data from PID: " << ca_pid << std::endl;
   }
-  ca_packet = std::move(image);
+  // The packet that write_record would write, composed where the last one was: the key list of
+  // an encrypted copy comes by here at each of its insertions.
+  ca_packet.resize(TS_PACKET_SIZE);
+  ca_packet.resize(compose_record(packet, reinterpret_cast<unsigned char*>(ca_packet.data())));
 }
 
 void ProgramTables::copy_packets_to(std::string& out) const {

@@ -413,6 +413,31 @@ TEST(ProgramTables, CaDataKeepsTheNewestPacketAndAnnouncesTheFirst) {
             as_string(ts_packet(kCaPid, 5, repeat(0x32, 100), options)));
 }
 
+TEST(ProgramTables, CaDataLongerThanAPacketKeepsWhatOnePacketHoldsAndAShortOneIsStuffed) {
+  // A key list record passed on by the encrypting stage carries the whole list.
+  Harness h(true, false, false, false, false, kCaPid);
+  TSPacket record;
+  record.pid = kCaPid;
+  record.payload_unit_start = true;
+  record.continuity_counter = 0;
+  record.payload = repeat(0x5A, 250);
+  h.generator.programs.capture_ca(record);
+  EXPECT_EQ(h.generator.programs.ca_packet,
+            as_string(ts_packet(kCaPid, 0, repeat(0x5A, 184), unit_start())));
+  // A shorter one after it: 174 bytes of adaptation field, stuffing to the end.
+  record.payload_unit_start = false;
+  record.continuity_counter = 3;
+  record.payload = repeat(0xA5, 10);
+  h.generator.programs.capture_ca(record);
+  const std::string& packet = h.generator.programs.ca_packet;
+  ASSERT_EQ(packet.size(), 188u);
+  EXPECT_EQ(packet.substr(0, 6), std::string("\x47\x12\x34\x33\xAD\x00", 6));
+  EXPECT_EQ(packet.substr(6, 172), std::string(172, '\xFF'));
+  EXPECT_EQ(packet.substr(178), std::string(10, '\xA5'));
+  ASSERT_EQ(h.log.lines.size(), 1u);
+  EXPECT_EQ(h.log.lines[0], "Capturing CA data from PID: 4660");
+}
+
 TEST(ProgramTables, CaPidOnTheVideoPidHidesTheVideo) {
   Harness h(true, false, false, false, false, kVideoPid);
   h.start_mpeg2();
