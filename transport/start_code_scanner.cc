@@ -5,6 +5,10 @@
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
+#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
+#define VDX_WIDE_SCAN 1
+#include <immintrin.h>
+#endif
 
 namespace Veldrin::IndexGen {
 
@@ -19,7 +23,7 @@ StartCode StartCodeScanner::find(const unsigned char* data, size_t from, size_t 
       // Without a prefix under way a start code can only begin at two zero bytes followed by a
       // zero or a one, or at zeros that end the range: anywhere else the counting comes back to
       // no prefix within two bytes, and the bytes passed over change nothing but last_byte.
-      const size_t at = prefix_start(data, i, to);
+      const size_t at = prefix_start(data, i, to, wide);
       if (at == to) {
         last = data[to - 1];
         break;
@@ -68,6 +72,40 @@ inline unsigned prefix_starts_at(const unsigned char* data, size_t at) {
 }
 #endif
 
+#if defined(VDX_WIDE_SCAN)
+// The same for 32 places, k from 0 to 31.
+__attribute__((target("avx2"))) inline unsigned wide_prefix_starts_at(const unsigned char* data,
+                                                                      size_t at) {
+  const __m256i zero = _mm256_setzero_si256();
+  const __m256i one = _mm256_set1_epi8(1);
+  const __m256i first = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(data + at));
+  const __m256i second = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(data + at + 1));
+  const __m256i third = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(data + at + 2));
+  const __m256i zeros =
+      _mm256_and_si256(_mm256_cmpeq_epi8(first, zero), _mm256_cmpeq_epi8(second, zero));
+  const __m256i small = _mm256_cmpeq_epi8(_mm256_min_epu8(third, one), third);
+  return static_cast<unsigned>(_mm256_movemask_epi8(_mm256_and_si256(zeros, small)));
+}
+
+// The places from i up to, not including, the last two before `to`, 32 at a time; to - i is at
+// least 34. Gives the first place found, or to - 2 when there is none among them. The places
+// left at the end are looked at by one more load that overlaps those already looked at.
+__attribute__((target("avx2"))) size_t wide_prefix_start(const unsigned char* data, size_t i,
+                                                         size_t to) {
+  while (to - i >= 34) {
+    const unsigned mask = wide_prefix_starts_at(data, i);
+    if (mask != 0) return i + static_cast<size_t>(__builtin_ctz(mask));
+    i += 32;
+  }
+  if (to - i > 2) {
+    const size_t last = to - 34;
+    const unsigned mask = wide_prefix_starts_at(data, last) & (~0u << (i - last));
+    if (mask != 0) return last + static_cast<size_t>(__builtin_ctz(mask));
+  }
+  return to - 2;
+}
+#endif
+
 // The test of one place, as prefix_start gives it.
 inline bool prefix_starts(const unsigned char* data, size_t at, size_t to) {
   if (data[at] != 0) return false;
@@ -78,8 +116,27 @@ inline bool prefix_starts(const unsigned char* data, size_t at, size_t to) {
 
 }  // namespace
 
-size_t StartCodeScanner::prefix_start(const unsigned char* data, size_t from, size_t to) {
+bool StartCodeScanner::wide_scan_available() {
+#if defined(VDX_WIDE_SCAN)
+  static const bool available = __builtin_cpu_supports("avx2");
+  return available;
+#else
+  return false;
+#endif
+}
+
+size_t StartCodeScanner::prefix_start(const unsigned char* data, size_t from, size_t to,
+                                      bool wide) {
   size_t i = from;
+#if defined(VDX_WIDE_SCAN)
+  if (wide && to - i >= 34) {
+    const size_t at = wide_prefix_start(data, i, to);
+    if (at != to - 2) return at;
+    i = at;
+  }
+#else
+  (void)wide;
+#endif
 #if defined(__SSE2__)
   // Sixteen places at a time, thirty-two while there is room; only bytes before `to` are
   // loaded. The places left at the end but two are looked at by one more load that overlaps

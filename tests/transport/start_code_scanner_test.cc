@@ -136,12 +136,21 @@ TEST(StartCodeScanner, PlaceOfAPrefixByteInThisPayloadOrThePreviousOne) {
   EXPECT_EQ(split.position, -2);
 }
 
+// The fast scans this processor can run: 16 places at a time always, 32 with AVX2.
+std::vector<bool> scan_widths() {
+  std::vector<bool> widths{false};
+  if (StartCodeScanner::wide_scan_available()) widths.push_back(true);
+  return widths;
+}
+
 // Scans bytes in pieces of 1 to max_piece bytes, each its own run of calls as each payload is,
 // with the fast scan and the byte-by-byte reference side by side: they find the same start
 // codes and end each piece with the same counters. Gives the count of start codes found.
-size_t agree_with_reference(const Bytes& bytes, std::mt19937& random, size_t max_piece) {
+size_t agree_with_reference(const Bytes& bytes, std::mt19937& random, size_t max_piece,
+                            bool wide) {
   size_t found = 0;
   StartCodeScanner fast;
+  fast.wide = wide;
   StartCodeScanner reference;
   reference.byte_by_byte = true;
   size_t at = 0;
@@ -174,8 +183,11 @@ TEST(StartCodeScanner, FastScanAgreesWithTheByteByByteReference) {
       const uint32_t pick = random() % 8;
       b = pick < 4 ? 0 : pick < 5 ? 1 : static_cast<unsigned char>(random());
     }
-    found += agree_with_reference(bytes, random, 200);
-    if (::testing::Test::HasFailure()) FAIL() << "seed " << seed;
+    for (const bool wide : scan_widths()) {
+      std::mt19937 pieces(seed);
+      found += agree_with_reference(bytes, pieces, 200, wide);
+      if (::testing::Test::HasFailure()) FAIL() << "seed " << seed << " wide " << wide;
+    }
   }
   EXPECT_GT(found, 1000u);
 }
@@ -199,8 +211,11 @@ TEST(StartCodeScanner, FastScanAgreesWithTheReferenceOnSparseZeros) {
         default: bytes[at] = 0, bytes[at + 1] = 1; break;               // one zero and a one
       }
     }
-    found += agree_with_reference(bytes, random, 400);
-    if (::testing::Test::HasFailure()) FAIL() << "seed " << seed;
+    for (const bool wide : scan_widths()) {
+      std::mt19937 pieces(seed);
+      found += agree_with_reference(bytes, pieces, 400, wide);
+      if (::testing::Test::HasFailure()) FAIL() << "seed " << seed << " wide " << wide;
+    }
   }
   EXPECT_GT(found, 2000u);
 }
@@ -225,31 +240,38 @@ TEST(StartCodeScanner, FastScanAgreesWithTheReferenceAmongPairsOfZerosThatBeginN
         default: bytes[at] = bytes[at + 1] = bytes[at + 2] = 0, bytes[at + 3] = 1; break;
       }
     }
-    found += agree_with_reference(bytes, random, 184);
-    if (::testing::Test::HasFailure()) FAIL() << "seed " << seed;
+    for (const bool wide : scan_widths()) {
+      std::mt19937 pieces(seed);
+      found += agree_with_reference(bytes, pieces, 184, wide);
+      if (::testing::Test::HasFailure()) FAIL() << "seed " << seed << " wide " << wide;
+    }
   }
   EXPECT_GT(found, 10000u);
 }
 
-// Every way for a piece of 18 to 40 bytes to end in zeros, ones and a larger byte, around the
-// edge between the search many places at a time and the last places.
+// Every way for a piece of 18 to 80 bytes to end in zeros, ones and a larger byte, around the
+// edges between the search many places at a time (16 or 32) and the last places, with one to
+// three steps of the wide search ahead of them.
 TEST(StartCodeScanner, FastScanAgreesWithTheReferenceAtEveryEndOfAPiece) {
   const unsigned char values[] = {0, 1, 3};
-  for (size_t length = 18; length <= 40; ++length) {
+  for (size_t length = 18; length <= 80; ++length) {
     for (int tail = 0; tail < 81; ++tail) {
       Bytes bytes(length, 0x55);
       int code = tail;
       for (size_t k = 0; k < 4; ++k, code /= 3) bytes[length - 1 - k] = values[code % 3];
       for (size_t from = 0; from < 3; ++from) {
-        StartCodeScanner fast;
-        StartCodeScanner reference;
-        reference.byte_by_byte = true;
-        const StartCode a = fast.find(bytes.data(), from, length);
-        const StartCode b = reference.find(bytes.data(), from, length);
-        ASSERT_EQ(a.index, b.index) << length << " " << tail;
-        ASSERT_EQ(a.prefix_length, b.prefix_length) << length << " " << tail;
-        ASSERT_EQ(fast.prefix_length, reference.prefix_length) << length << " " << tail;
-        ASSERT_EQ(fast.last_byte, reference.last_byte) << length << " " << tail;
+        for (const bool wide : scan_widths()) {
+          StartCodeScanner fast;
+          fast.wide = wide;
+          StartCodeScanner reference;
+          reference.byte_by_byte = true;
+          const StartCode a = fast.find(bytes.data(), from, length);
+          const StartCode b = reference.find(bytes.data(), from, length);
+          ASSERT_EQ(a.index, b.index) << length << " " << tail << " " << wide;
+          ASSERT_EQ(a.prefix_length, b.prefix_length) << length << " " << tail << " " << wide;
+          ASSERT_EQ(fast.prefix_length, reference.prefix_length) << length << " " << tail;
+          ASSERT_EQ(fast.last_byte, reference.last_byte) << length << " " << tail;
+        }
       }
     }
   }
