@@ -241,6 +241,20 @@ TEST(TSWriter, ComposedRecordWithAPcrCarries176BytesOfItsPayload) {
   EXPECT_EQ(composed(packet), concat({hex("47 40 21 30 07 10 00 00 AF C8 7E 00"), counting(176)}));
 }
 
+TEST(TSWriter, ComposedFullRecordIsFourHeaderBytesAndThePayloadCut) {
+  TSPacket packet;
+  packet.pid = 0x1FFE;
+  packet.payload_unit_start = true;
+  packet.scrambling_control = 2;
+  packet.continuity_counter = 0x1F;  // only the low four bits go out
+  packet.payload = counting(200);
+  EXPECT_EQ(composed(packet), concat({hex("47 5F FE 9F"), counting(184)}));
+  // With random_access the same record needs an adaptation field, which takes two bytes of
+  // the payload's room.
+  packet.random_access = true;
+  EXPECT_EQ(composed(packet), concat({hex("47 5F FE BF 01 40"), counting(182)}));
+}
+
 TEST(TSWriter, ComposedRecordOfTenBytesIsStuffedToAWholePacket) {
   TSPacket packet;
   packet.pid = 0x21;
