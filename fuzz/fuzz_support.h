@@ -2,7 +2,8 @@
 #define VELDRIN_FUZZ_FUZZ_SUPPORT_H
 
 // What the fuzz targets share: a private scratch folder, a reader of the option bytes at the
-// front of an input, the chunked feed of the pipeline and a log that formats every line.
+// front of an input, the chunked feed of the pipeline, a log that formats every line and a
+// private key.
 
 #include <cstddef>
 #include <cstdint>
@@ -14,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "crypto/rsa.h"
 #include "foundation/log/distributor.h"
 #include "foundation/log/level_filter.h"
 #include "foundation/log/stream_channel.h"
@@ -51,6 +53,17 @@ class ScratchDir {
     std::filesystem::remove_all(path, ignored);
   }
 };
+
+// One RSA private key for the whole process; made at run time, never stored.
+inline const Korvix::Crypto::RSAKey& private_key() {
+  static const Korvix::Crypto::RSAKey key = [] {
+    Korvix::Crypto::RSAKey made(true);
+    made.generate(1024, 65537);
+    if (!made.valid) std::abort();
+    return made;
+  }();
+  return key;
+}
 
 // Takes fixed-size values from the front of the input, and gives zeros once it is used up, so
 // that every input, however short, makes a valid set of choices.

@@ -30,17 +30,6 @@ namespace IndexGen = Veldrin::IndexGen;
 
 namespace {
 
-// One private key for the whole process; made at run time, never stored.
-const Crypto::RSAKey& private_key() {
-  static const Crypto::RSAKey key = [] {
-    Crypto::RSAKey made(true);
-    made.generate(1024, 65537);
-    if (!made.valid) std::abort();
-    return made;
-  }();
-  return key;
-}
-
 // The section of a key list around an atom tree: pointer_field, table_id 0x4B, the length, the
 // table_id_extension 0xFFFF, version 0 with current_next 0, section numbers 0, the tree and the
 // CRC.
@@ -80,7 +69,7 @@ void use(const IndexGen::KeyList& list, bool by_name) {
   Crypto::AESKey key;
   size_t recipient = 0;
   const IndexGen::UnwrapResult result =
-      IndexGen::unwrap_content_key(list, private_key(), name, key, recipient);
+      IndexGen::unwrap_content_key(list, Fuzz::private_key(), name, key, recipient);
   if (result == IndexGen::UNWRAPPED && recipient >= list.recipients.size()) std::abort();
 }
 

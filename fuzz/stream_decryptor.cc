@@ -39,16 +39,6 @@ class CountingWriter : public Korvix::Channel::Writer {
   void basic_write(const unsigned char*, size_t count) override { offset += count; }
 };
 
-const Crypto::RSAKey& private_key() {
-  static const Crypto::RSAKey key = [] {
-    Crypto::RSAKey made(true);
-    made.generate(1024, 65537);
-    if (!made.valid) std::abort();
-    return made;
-  }();
-  return key;
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -72,7 +62,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   } else if (mode == 1) {
     std::optional<std::string> name;
     if (by_name) name = "Fuzz Seed";
-    decryptor = std::make_unique<IndexGen::StreamDecryptor>(private_key(), name, output);
+    decryptor = std::make_unique<IndexGen::StreamDecryptor>(Fuzz::private_key(), name, output);
   } else {
     Crypto::AESKey key;
     for (unsigned char i = 0; i < 16; ++i) key.key[i] = i;
